@@ -1,0 +1,40 @@
+# Front door: each target installs what is missing, configures and builds as needed.
+BUILD_DIR    ?= build/release
+SAN_DIR      ?= build/sanitize
+JOBS         ?= $(shell nproc 2>/dev/null || echo 2)
+BENCH_DATA   ?= $(HOME)/.cache/obx_read_bench
+CMAKE_FLAGS  ?=
+
+.PHONY: all deps configure build run test sanitize bench clean
+
+all: build
+
+deps:
+	@./scripts/install-deps.sh
+
+$(BUILD_DIR)/CMakeCache.txt: | deps
+	cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=Release $(CMAKE_FLAGS)
+
+$(SAN_DIR)/CMakeCache.txt: | deps
+	cmake -S . -B $(SAN_DIR) -DCMAKE_BUILD_TYPE=Debug -DOBX_SANITIZE=ON -DOBX_BUILD_BENCH=OFF $(CMAKE_FLAGS)
+
+configure: $(BUILD_DIR)/CMakeCache.txt
+
+build: deps $(BUILD_DIR)/CMakeCache.txt
+	cmake --build $(BUILD_DIR) -j $(JOBS)
+
+run: build
+	./scripts/run-example.sh $(BUILD_DIR)/obx_read
+
+test: build
+	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS)
+
+sanitize: deps $(SAN_DIR)/CMakeCache.txt
+	cmake --build $(SAN_DIR) -j $(JOBS)
+	cd $(SAN_DIR) && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 ctest --output-on-failure -j $(JOBS)
+
+bench: build
+	./scripts/bench.sh $(BUILD_DIR) $(BENCH_DATA)
+
+clean:
+	rm -rf build

@@ -1,0 +1,6 @@
+#include <cstdio>
+
+int main() {
+    std::puts("obx_read");
+    return 0;
+}

@@ -1,0 +1,70 @@
+// JSON values, parsing, template validation and text, with the results the schema
+// files and the export depend on: member order kept, every number a double printed
+// with "%1.17g", pretty text with four blanks a level, slash escaping switchable.
+// Values are Jansson's json_t; this layer is the only place that prints or parses them.
+#pragma once
+
+#include <jansson.h>
+
+#include <cstddef>
+#include <string>
+
+// Parsing: strict JSON, integers read as doubles, duplicate keys and numbers that
+// overflow a double refused. Nothing is logged; callers report in their own words.
+json_t* obx_json_parse_string(const char* text);
+json_t* obx_json_parse_file(const char* path);
+
+// Text of a value, newly allocated (free with obx_json_free_serialized_string);
+// nullptr when the value holds something that has no text.
+char* obx_json_serialize_to_string(const json_t* value);
+char* obx_json_serialize_to_string_pretty(const json_t* value);
+void obx_json_free_serialized_string(char* text);
+
+// Slash escaping is on by default; obx_read turns it off at its start.
+void obx_json_set_escape_slashes(int escape);
+bool obx_json_escape_slashes(void);
+
+// A value passes when it has every template key with the template's JSON type
+// (see the .cpp for the whole rule set).
+bool obx_json_validate(const json_t* json_template, const json_t* value);
+
+// Makers: nullptr for a non-finite number, a missing text or text that is not UTF-8.
+json_t* obx_json_number(double number);
+json_t* obx_json_string(const char* text);
+json_t* obx_json_stringn(const char* text, size_t length);
+
+// Setters take ownership of `value` in every case (it is freed when the set fails).
+// Setting an existing key replaces its value in place; new keys go to the end.
+bool obx_json_object_set(json_t* object, const char* key, json_t* value);
+bool obx_json_object_set_string(json_t* object, const char* key, const char* text);
+bool obx_json_object_set_number(json_t* object, const char* key, double number);
+bool obx_json_array_append(json_t* array, json_t* value);
+
+// Dotted set: "a.b.c" creates missing inner objects; refuses, changing nothing, when an
+// existing inner member is not an object.
+bool obx_json_object_dotset_value(json_t* object, const char* dotted_name, json_t* value);
+bool obx_json_object_dotset_string(json_t* object, const char* dotted_name, const char* text);
+
+// Getters in the manner of the schema readers: a missing key or a key of another type
+// gives nullptr, or 0 for numbers.
+const char* obx_json_object_get_string(const json_t* object, const char* key);
+double obx_json_object_get_number(const json_t* object, const char* key);
+json_t* obx_json_object_get_array(const json_t* object, const char* key);
+json_t* obx_json_object_get_object(const json_t* object, const char* key);
+bool obx_json_object_has_value_of_type(const json_t* object, const char* key, json_type type);
+double obx_json_number_value(const json_t* value);
+
+// MD5 of the value's pretty text, without a terminating zero: the schema id.
+bool obx_json_md5(unsigned char digest[16], const json_t* value);
+// The same as 32 lower-case hexadecimal digits and a zero.
+bool obx_json_md5_hex(char text[33], const json_t* value);
+
+// Shared printers of numbers and strings, used by the value printer above and by the
+// direct export path so that both give the same bytes.
+// Writes `number` as "%1.17g" does into `out` (at least 32 bytes); returns the length.
+size_t obx_json_format_number(char* out, double number);
+// Appends the quoted, escaped form of `length` bytes of `text`.
+void obx_json_append_string(std::string& out, const char* text, size_t length);
+void obx_json_append_number(std::string& out, double number);
+// Appends the plain (pretty = false) or pretty text of a value, indented at `depth`.
+bool obx_json_append_value(std::string& out, const json_t* value, bool pretty, int depth);
