@@ -9,13 +9,16 @@
 #include <cstddef>
 #include <string>
 
-// Parsing: strict JSON, integers read as doubles, duplicate keys and numbers that
-// overflow a double refused. Nothing is logged; callers report in their own words.
+// Parsing: strict JSON (a bare scalar is a value too), integers read as doubles,
+// duplicate keys and numbers that overflow a double refused; a leading UTF-8 byte order
+// mark is skipped. Strings may hold \u0000, keys may not. Nothing is logged; callers
+// report in their own words. The result is new (json_decref), nullptr on failure.
 json_t* obx_json_parse_string(const char* text);
+json_t* obx_json_parse_buffer(const char* text, size_t length);
 json_t* obx_json_parse_file(const char* path);
 
 // Text of a value, newly allocated (free with obx_json_free_serialized_string);
-// nullptr when the value holds something that has no text.
+// nullptr for a missing value or one nested too deep (or looping back on itself).
 char* obx_json_serialize_to_string(const json_t* value);
 char* obx_json_serialize_to_string_pretty(const json_t* value);
 void obx_json_free_serialized_string(char* text);
@@ -25,7 +28,7 @@ void obx_json_set_escape_slashes(int escape);
 bool obx_json_escape_slashes(void);
 
 // A value passes when it has every template key with the template's JSON type
-// (see the .cpp for the whole rule set).
+// (see the .cpp for the whole rule set). A missing template or value fails.
 bool obx_json_validate(const json_t* json_template, const json_t* value);
 
 // Makers: nullptr for a non-finite number, a missing text or text that is not UTF-8.
@@ -46,7 +49,8 @@ bool obx_json_object_dotset_value(json_t* object, const char* dotted_name, json_
 bool obx_json_object_dotset_string(json_t* object, const char* dotted_name, const char* text);
 
 // Getters in the manner of the schema readers: a missing key or a key of another type
-// gives nullptr, or 0 for numbers.
+// gives nullptr, or 0 for numbers. Types compare as JSON kinds: JSON_INTEGER and
+// JSON_REAL both mean number, JSON_TRUE and JSON_FALSE both mean boolean.
 const char* obx_json_object_get_string(const json_t* object, const char* key);
 double obx_json_object_get_number(const json_t* object, const char* key);
 json_t* obx_json_object_get_array(const json_t* object, const char* key);
@@ -66,5 +70,7 @@ size_t obx_json_format_number(char* out, double number);
 // Appends the quoted, escaped form of `length` bytes of `text`.
 void obx_json_append_string(std::string& out, const char* text, size_t length);
 void obx_json_append_number(std::string& out, double number);
-// Appends the plain (pretty = false) or pretty text of a value, indented at `depth`.
+// Appends the plain (pretty = false) or pretty text of a value whose opening bracket
+// stands at indent level `depth` (inner lines get depth + 1). On failure `out` is
+// left as it was.
 bool obx_json_append_value(std::string& out, const json_t* value, bool pretty, int depth);
