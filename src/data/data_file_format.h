@@ -46,6 +46,11 @@ static inline void obx_put_u64(uint8_t* p, uint64_t v) { std::memcpy(p, &v, 8); 
 #define OBX_FH_PADDING 245u
 #define OBX_FH_MAGIC_END 252u
 
+#define OBX_FILE_MAGIC "OBXF"
+#define OBX_FILE_MAGIC_END "obxf"
+// Length of the hexadecimal text of a schema id, without its terminator.
+#define OBX_SCHEMA_ID_HEX_LENGTH 32u
+
 // The header as read: fields decoded, texts as stored (not necessarily terminated).
 struct obx_data_file_header_t {
     char magic[4];
@@ -70,7 +75,9 @@ void obx_data_file_header_encode(const obx_data_file_header_t* header, uint8_t b
 obx_data_file_header_t* obx_data_file_header_create(void);
 bool obx_data_file_header_validate(const obx_data_file_header_t* header);
 void obx_data_file_header_print(FILE* stream, const obx_data_file_header_t* header);
+// Field table of the header ("Field / Offset / Size") on stdout, or on `stream`.
 void obx_data_file_header_print_layout(void);
+void obx_data_file_header_print_layout_to(FILE* stream);
 // Hexadecimal id of event schema slot `index` (0..6), newly allocated; nullptr above 6.
 char* obx_data_file_header_get_schema_id_string(const obx_data_file_header_t* header, unsigned index);
 
@@ -87,10 +94,13 @@ enum obx_block_type_t : uint32_t {
     OBX_CNTX_BLOCK = 6,
 };
 
-// Type from the fourth byte of a block; `block` must hold at least 4 bytes.
+// Type from the fourth byte of a block; `block` must hold at least 4 bytes. Bytes 0-2 are
+// not looked at, so "CNTX" and "OBXX" are both metrics containers.
 uint32_t obx_block_type_get(const uint8_t* block);
 const char* obx_block_type_name(uint32_t type);
+// Writes "OBX" and the type's letter; a metrics container gets "OBXX", type 4 nothing.
 void obx_block_magic_set(uint8_t* block, uint32_t type);
+// Same first three bytes and same fourth byte.
 bool obx_magic_equal(const uint8_t* a, const uint8_t* b);
 
 // Counters block: magic, padding, timestamp, values.
@@ -154,6 +164,9 @@ void obx_blob_block_print(FILE* stream, const uint8_t* block);
 void obx_event_block_print_layout(void);
 void obx_counters_block_print_layout(void);
 void obx_blob_block_print_layout(void);
+void obx_event_block_print_layout_to(FILE* stream);
+void obx_counters_block_print_layout_to(FILE* stream);
+void obx_blob_block_print_layout_to(FILE* stream);
 
 // ---- encoded page frame ("OBXP", encoded header, stream, "obxp") -------------------------
 #define OBX_PAGE_FRAME_HEADER 4u          // encoded header starts behind the magic
@@ -167,3 +180,25 @@ void obx_blob_block_print_layout(void);
 #define OBX_ENC_FIXED_SIZE 24u            // header size = 24 + id length + tag length
 #define OBX_COMPRESSION_GZIP 'G'
 #define OBX_COMPRESSION_SNAPPY 'S'
+#define OBX_PAGE_FRAME_MAGIC "OBXP"
+#define OBX_PAGE_FRAME_TRAILER "obxp"
+// Magic, H, compression type and S: what must be there before a frame's sizes can be read.
+#define OBX_PAGE_FRAME_MIN_READ (OBX_PAGE_FRAME_HEADER + OBX_ENC_STREAM_SIZE + 4u)
+
+// The sizes of one encoded page frame, as stored.
+struct obx_page_frame_t {
+    uint8_t header_size;       // H, bytes of the encoded header
+    uint8_t compression_type;  // 'G' or 'S'
+    uint32_t stream_size;      // S, bytes of the compressed stream
+};
+
+// Reads H, the compression type and S of the frame at `frame`; false when fewer than
+// OBX_PAGE_FRAME_MIN_READ bytes are available. Logs nothing: the page walk decides.
+bool obx_page_frame_read(const uint8_t* frame, size_t available, obx_page_frame_t* out);
+// 4 + H + S: from the frame's first byte to the end of its stream. In 64 bits, so a huge
+// S cannot wrap around.
+uint64_t obx_page_frame_stream_end(const obx_page_frame_t* frame);
+// 8 + H + S: the whole frame with its trailer; the next frame starts there.
+uint64_t obx_page_frame_size(const obx_page_frame_t* frame);
+// True when "obxp" stands at 4 + H + S and all four bytes lie within `available`.
+bool obx_page_frame_has_trailer(const uint8_t* frame, size_t available, const obx_page_frame_t* info);

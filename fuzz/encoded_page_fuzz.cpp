@@ -1,0 +1,69 @@
+// Feeds arbitrary bytes to the encoded page readers: as an encoded header with its
+// stream, as a whole "OBXP" frame, as a header template and as source strings. None of
+// them may read outside the input or write outside the buffers they are given.
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+#include "data/data_file_format.h"
+#include "data/encoded_payload.h"
+#include "utils/logger.h"
+
+namespace {
+
+// Pages above this are not decoded here: the size alone is what is being tested.
+constexpr size_t kMaxDecodedSize = 64u * 1024u * 1024u;
+
+// Formats every message, so the log arguments are exercised, and drops it.
+void discard_log(uint32_t, const char* format, ...) {
+    char text[512];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(text, sizeof(text), format, args);
+    va_end(args);
+}
+
+void decode_encoded(const uint8_t* header, size_t available) {
+    obx_encoded_header_t fields;
+    obx_encoded_header_read(header, available, &fields);
+    char source[OBX_OBXP_SOURCE_STRINGS_SIZE];
+    obx_obxp_header_get_source(header, available, source);
+
+    const size_t size = obx_encoded_get_uncompressed_size(header, available);
+    if (size > kMaxDecodedSize) return;
+    std::vector<uint8_t> out(size);
+    obx_encoded_decode_into(header, available, out.data(), out.size());
+    size_t allocated_size = 0;
+    std::free(obx_encoded_decode_alloc(header, available, &allocated_size));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static bool quiet = [] {
+        obx_log_set_callback(discard_log, OBX_LOG_DEBUG);
+        return true;
+    }();
+    (void)quiet;
+
+    decode_encoded(data, size);
+
+    // The same bytes as a frame: sizes, trailer, then the header behind the magic.
+    obx_page_frame_t frame;
+    if (obx_page_frame_read(data, size, &frame)) {
+        obx_page_frame_has_trailer(data, size, &frame);
+        if (obx_block_type_get(data) == OBX_PAGE_BLOCK) decode_encoded(data + OBX_PAGE_FRAME_HEADER, size - OBX_PAGE_FRAME_HEADER);
+    }
+
+    // The input as a template for a new header, and as source strings of a page.
+    uint8_t out[OBX_ENC_FIXED_SIZE + OBX_OBXP_SOURCE_STRINGS_SIZE];
+    static const char sources[OBX_OBXP_SOURCE_STRINGS_SIZE] = "node01";
+    obx_embed_obxp_header_into_buffer(data, size, sources, out, sizeof(out));
+    if (size >= OBX_OBXP_SOURCE_STRINGS_SIZE) {
+        const obx_obxp_page_fields_t page = {1, 2, reinterpret_cast<const char*>(data)};
+        obx_copy_obxp_header_into_buffer(&page, 'G', size, out, sizeof(out) - (size & 15));
+    }
+    return 0;
+}
