@@ -11,6 +11,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "utils/number_format.h"
+
 namespace {
 
 // Parsing stops at 2048 levels; a value built in code that goes deeper (or loops back
@@ -39,11 +41,6 @@ struct EscapeTable {
 constexpr EscapeTable kEscape;
 
 constexpr char kHexLower[] = "0123456789abcdef";
-
-constexpr char kDigitPairs[] =
-    "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
-    "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
-    "8081828384858687888990919293949596979899";
 
 // The six JSON kinds; Jansson splits number and boolean in two each.
 enum class Kind { Null, String, Number, Object, Array, Boolean, None };
@@ -194,24 +191,47 @@ bool validate(const json_t* json_template, const json_t* value, int nesting)
     }
 }
 
-// Writes the decimal digits of `value` ending just before `end`; returns the first digit.
-char* write_digits_backwards(char* end, uint64_t value)
+// Where the string escaper writes: a growing std::string, or a buffer known to be
+// large enough.
+struct StringSink {
+    std::string& out;
+    void put(char c) { out.push_back(c); }
+    void write(const char* text, size_t length) { out.append(text, length); }
+};
+struct RawSink {
+    char* end;
+    void put(char c) { *end++ = c; }
+    void write(const char* text, size_t length)
+    {
+        std::memcpy(end, text, length);
+        end += length;
+    }
+};
+
+// The one string escaper: runs of plain bytes are copied whole.
+template <class Sink>
+void escape_string(Sink& sink, const char* text, size_t length)
 {
-    char* p = end;
-    while (value >= 100) {
-        unsigned pair = static_cast<unsigned>(value % 100) * 2;
-        value /= 100;
-        *--p = kDigitPairs[pair + 1];
-        *--p = kDigitPairs[pair];
+    if (!text) length = 0;
+    const bool escape_slashes = g_escape_slashes;
+    sink.put('"');
+    size_t run_start = 0;
+    for (size_t i = 0; i < length; ++i) {
+        unsigned char byte = static_cast<unsigned char>(text[i]);
+        char letter = kEscape.letter[byte];
+        if (letter == 0 || (letter == '/' && !escape_slashes)) continue;
+        sink.write(text + run_start, i - run_start);
+        run_start = i + 1;
+        if (letter == 'u') {
+            const char escaped[6] = {'\\', 'u', '0', '0', kHexLower[byte >> 4], kHexLower[byte & 0x0f]};
+            sink.write(escaped, 6);
+        } else {
+            const char escaped[2] = {'\\', letter};
+            sink.write(escaped, 2);
+        }
     }
-    if (value >= 10) {
-        unsigned pair = static_cast<unsigned>(value) * 2;
-        *--p = kDigitPairs[pair + 1];
-        *--p = kDigitPairs[pair];
-    } else {
-        *--p = static_cast<char>('0' + value);
-    }
-    return p;
+    if (length > run_start) sink.write(text + run_start, length - run_start);
+    sink.put('"');
 }
 
 }  // namespace
@@ -441,23 +461,19 @@ bool obx_json_md5_hex(char text[33], const json_t* value)
     return true;
 }
 
-size_t obx_json_format_number(char* out, double number)
+size_t obx_json_format_number(char* out, double number) { return obx_format_g17(out, number); }
+
+size_t obx_json_format_int64(char* out, int64_t number)
 {
-    // "%1.17g" writes an integer below 1e17 as its plain digits (at most 17 of them, so
-    // no rounding); those are written here, everything else goes to snprintf.
-    double magnitude = std::fabs(number);
-    if (magnitude < 1e17 && magnitude == std::floor(magnitude)) {
-        char buffer[24];
-        char* end = buffer + sizeof buffer;
-        char* first = write_digits_backwards(end, static_cast<uint64_t>(magnitude));
-        if (std::signbit(number)) *--first = '-';  // -0.0 prints "-0" too
-        size_t length = static_cast<size_t>(end - first);
-        std::memcpy(out, first, length);
-        out[length] = '\0';
-        return length;
-    }
-    int length = std::snprintf(out, 32, "%1.17g", number);
-    return length > 0 ? static_cast<size_t>(length) : 0;
+    constexpr int64_t kExact = int64_t{1} << 53;
+    if (number > -kExact && number < kExact) return obx_format_i64(out, number);
+    return obx_format_g17(out, static_cast<double>(number));
+}
+
+size_t obx_json_format_uint64(char* out, uint64_t number)
+{
+    if (number < (uint64_t{1} << 53)) return obx_format_u64(out, number);
+    return obx_format_g17(out, static_cast<double>(number));
 }
 
 void obx_json_append_number(std::string& out, double number)
@@ -469,26 +485,15 @@ void obx_json_append_number(std::string& out, double number)
 
 void obx_json_append_string(std::string& out, const char* text, size_t length)
 {
-    if (!text) length = 0;
-    const bool escape_slashes = g_escape_slashes;
-    out.push_back('"');
-    size_t run_start = 0;
-    for (size_t i = 0; i < length; ++i) {
-        unsigned char byte = static_cast<unsigned char>(text[i]);
-        char letter = kEscape.letter[byte];
-        if (letter == 0 || (letter == '/' && !escape_slashes)) continue;
-        out.append(text + run_start, i - run_start);
-        run_start = i + 1;
-        if (letter == 'u') {
-            const char escaped[6] = {'\\', 'u', '0', '0', kHexLower[byte >> 4], kHexLower[byte & 0x0f]};
-            out.append(escaped, 6);
-        } else {
-            const char escaped[2] = {'\\', letter};
-            out.append(escaped, 2);
-        }
-    }
-    if (length > run_start) out.append(text + run_start, length - run_start);
-    out.push_back('"');
+    StringSink sink{out};
+    escape_string(sink, text, length);
+}
+
+char* obx_json_write_string(char* out, const char* text, size_t length)
+{
+    RawSink sink{out};
+    escape_string(sink, text, length);
+    return sink.end;
 }
 
 bool obx_json_append_value(std::string& out, const json_t* value, bool pretty, int depth)

@@ -7,6 +7,7 @@
 #include <jansson.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 // Parsing: strict JSON (a bare scalar is a value too), integers read as doubles,
@@ -67,8 +68,16 @@ bool obx_json_md5_hex(char text[33], const json_t* value);
 // direct export path so that both give the same bytes.
 // Writes `number` as "%1.17g" does into `out` (at least 32 bytes); returns the length.
 size_t obx_json_format_number(char* out, double number);
+// The text obx_json_format_number gives for the double nearest to `number`, without
+// going through a double where the integer is exact (below 2^53 in magnitude).
+size_t obx_json_format_int64(char* out, int64_t number);
+size_t obx_json_format_uint64(char* out, uint64_t number);
 // Appends the quoted, escaped form of `length` bytes of `text`.
 void obx_json_append_string(std::string& out, const char* text, size_t length);
+// The same written at `out`, which has room for obx_json_string_max_size(length) bytes;
+// returns the end of what was written (no terminating zero).
+char* obx_json_write_string(char* out, const char* text, size_t length);
+static inline size_t obx_json_string_max_size(size_t length) { return 6 * length + 2; }
 void obx_json_append_number(std::string& out, double number);
 // Appends the plain (pretty = false) or pretty text of a value whose opening bracket
 // stands at indent level `depth` (inner lines get depth + 1). On failure `out` is

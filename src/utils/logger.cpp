@@ -72,6 +72,8 @@ void obx_log_write(uint32_t level, const char* format, ...) {
         return;
     }
     if (!g_stream) obx_init_stderr_logger(obx_log_current_level);
+    // A registered logger refuses the start above; its lines still go somewhere.
+    FILE* stream = g_stream ? g_stream : stderr;
     if (g_mutex) pthread_mutex_lock(g_mutex);
 
     struct timespec now;
@@ -84,11 +86,11 @@ void obx_log_write(uint32_t level, const char* format, ...) {
     struct tm local;
     char stamp[26] = "";
     if (localtime_r(&now.tv_sec, &local)) strftime(stamp, sizeof(stamp), "[%Y-%m-%d %H:%M:%S", &local);
-    std::fprintf(g_stream, "%s.%03d] ", stamp, static_cast<int>(millis));
-    std::fputs(level_tag(level), g_stream);
-    std::vfprintf(g_stream, format, args);
-    std::fputc('\n', g_stream);
-    std::fflush(g_stream);
+    std::fprintf(stream, "%s.%03d] ", stamp, static_cast<int>(millis));
+    std::fputs(level_tag(level), stream);
+    std::vfprintf(stream, format, args);
+    std::fputc('\n', stream);
+    std::fflush(stream);
 
     if (g_mutex) pthread_mutex_unlock(g_mutex);
     va_end(args);
@@ -99,6 +101,8 @@ void obx_log_init_from_env(void) {
     if (!text) text = std::getenv("API_LOG_LEVEL");
     int level = 0;
     if (text && std::sscanf(text, "%d", &level) != 1) level = 0;
+    // A negative level would read back as the not-set marker and restart this on every call.
+    if (level < 0) level = 0;
     obx_init_stderr_logger(static_cast<uint32_t>(level));
 }
 
@@ -175,23 +179,32 @@ void obx_log_set_callback(obx_log_callback_t callback, uint32_t level) {
     obx_log_current_level = level;
 }
 
-obx_log_callback_t obx_log_get_callback(void) { return g_callback; }
+// Only the callback sink routes through the callback; another initialiser takes over.
+obx_log_callback_t obx_log_get_callback(void) { return g_sink == OBX_LOG_SINK_CALLBACK ? g_callback : nullptr; }
 
-obx_logger_state_t* obx_logger_state_export(void) {
-    auto* state = static_cast<obx_logger_state_t*>(std::calloc(1, sizeof(obx_logger_state_t)));
-    if (!state) return nullptr;
+static void fill_state(obx_logger_state_t* state) {
+    *state = obx_logger_state_t{};
     state->sink = g_sink;
     if (g_sink == OBX_LOG_SINK_CALLBACK) state->callback = g_callback;
     if (g_sink == OBX_LOG_SINK_STDERR || g_sink == OBX_LOG_SINK_FILE) state->stream = g_stream;
     state->level = obx_log_current_level;
     state->mutex = g_mutex;
+}
+
+obx_logger_state_t* obx_logger_state_export(void) {
+    auto* state = static_cast<obx_logger_state_t*>(std::calloc(1, sizeof(obx_logger_state_t)));
+    if (!state) return nullptr;
+    fill_state(state);
     return state;
 }
 
 bool obx_logger_state_import(const obx_logger_state_t* state) {
     if (!state) return false;
-    if (state->sink == g_sink && state->level == obx_log_current_level && state->mutex == g_mutex &&
-        state->callback == g_callback && state->stream == g_stream)
+    // Compared as an export would see it, so our own snapshot never counts as foreign.
+    obx_logger_state_t current;
+    fill_state(&current);
+    if (state->sink == current.sink && state->level == current.level && state->mutex == current.mutex &&
+        state->callback == current.callback && state->stream == current.stream)
         return true;
     g_mutex = state->mutex;
     obx_log_current_level = state->level;
@@ -209,26 +222,28 @@ bool obx_logger_has_mutex(void) { return g_mutex != nullptr; }
 void obx_log_hexdump(const void* data, size_t size) {
     if (!obx_log_enabled(OBX_LOG_DEBUG) || size == 0 || !data) return;
     const auto* bytes = static_cast<const unsigned char*>(data);
-    char line[256];
+    // Hex column: "XX " a byte and a blank after every eighth byte and after the last
+    // one, padded so that the text column starts at the same place on a short line.
+    char line[64];
     char text[17];
     for (size_t start = 0; start < size; start += 16) {
-        size_t used = 0;
         line[0] = '\0';
         const size_t count = size - start < 16 ? size - start : 16;
         for (size_t i = 0; i < count; ++i) {
             const unsigned char byte = bytes[start + i];
-            char piece[63];
-            std::snprintf(piece, sizeof(piece), i == 7 ? "%02X  " : "%02X ", byte);
-            used += static_cast<size_t>(std::snprintf(line + used, sizeof(line) - used, "%s", piece));
+            char piece[8];
+            std::snprintf(piece, sizeof(piece), "%02X ", byte);
+            std::strncat(line, piece, sizeof(line) - 1 - std::strlen(line));
+            if ((i + 1) % 8 == 0 || i + 1 == count) std::strncat(line, " ", sizeof(line) - 1 - std::strlen(line));
             text[i] = (byte >= 0x20 && byte <= 0x7E) ? static_cast<char>(byte) : '.';
         }
         text[count] = '\0';
         if (count < 16) {
-            if (count < 9) used += static_cast<size_t>(std::snprintf(line + used, sizeof(line) - used, " "));
-            for (size_t i = count; i < 16; ++i)
-                used += static_cast<size_t>(std::snprintf(line + used, sizeof(line) - used, "   "));
+            if (count < 9) std::strncat(line, " ", sizeof(line) - 1 - std::strlen(line));
+            for (size_t i = count; i < 16; ++i) std::strncat(line, "   ", sizeof(line) - 1 - std::strlen(line));
         }
-        std::snprintf(line + used, sizeof(line) - used, "|  %s ", text);
-        OBX_LOG_DBG("%s", line);
+        char full[sizeof(line) + sizeof(text) + 4];
+        std::snprintf(full, sizeof(full), "%s|  %s ", line, text);
+        OBX_LOG_DBG("%s", full);
     }
 }
