@@ -28,14 +28,14 @@ struct EscapeTable {
     char letter[256];
     constexpr EscapeTable() : letter() {
         for (int c = 0; c < 0x20; ++c) letter[c] = 'u';
-        letter['\b'] = 'b';
-        letter['\f'] = 'f';
-        letter['\n'] = 'n';
-        letter['\r'] = 'r';
-        letter['\t'] = 't';
-        letter['"'] = '"';
-        letter['\\'] = '\\';
-        letter['/'] = '/';
+        letter[static_cast<unsigned char>('\b')] = 'b';
+        letter[static_cast<unsigned char>('\f')] = 'f';
+        letter[static_cast<unsigned char>('\n')] = 'n';
+        letter[static_cast<unsigned char>('\r')] = 'r';
+        letter[static_cast<unsigned char>('\t')] = 't';
+        letter[static_cast<unsigned char>('"')] = '"';
+        letter[static_cast<unsigned char>('\\')] = '\\';
+        letter[static_cast<unsigned char>('/')] = '/';
     }
 };
 constexpr EscapeTable kEscape;
