@@ -1,6 +1,6 @@
-#include <cstdio>
+#include "tools/read_run.h"
 
-int main() {
-    std::puts("obx_read");
-    return 0;
+int main(int argc, char** argv)
+{
+    return obx_read_main(argc, argv);
 }

@@ -1,0 +1,74 @@
+// Feeds arbitrary bytes to the reader as a whole data file: header checks, the chunk
+// walk and the page walk, with the output of format json thrown away. Nothing may read
+// outside the chunk or the decoded buffers, and no file may hang the walk.
+#include <fcntl.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "data/reader_context.h"
+#include "tools/read_options.h"
+#include "utils/logger.h"
+
+namespace {
+
+// Formats every message, so the log arguments are exercised, and drops it.
+void discard_log(uint32_t, const char* format, ...) {
+    char text[512];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(text, sizeof(text), format, args);
+    va_end(args);
+}
+
+struct Setup {
+    std::string folder;
+    std::string input;
+    obx_read_options_t options;
+
+    Setup() {
+        const char* base = getenv("TMPDIR");
+        folder = std::string(base && *base ? base : "/tmp") + "/obx_file_walk_XXXXXX";
+        if (!mkdtemp(&folder[0])) abort();
+        input = folder + "/input.bin";
+        std::memset(&options, 0, sizeof(options));
+        if (!obx_read_options_init(&options)) abort();
+        obx_string_array_append(&options.include_counters, "*");
+        free(options.schema_path);
+        options.schema_path = strdup(folder.c_str());  // holds no schema files
+        obx_log_set_callback(discard_log, OBX_LOG_DEBUG);
+    }
+    ~Setup() {
+        unlink(input.c_str());
+        rmdir(folder.c_str());
+        obx_read_options_release(&options);
+    }
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static Setup setup;
+    FILE* file = std::fopen(setup.input.c_str(), "wb");
+    if (!file) return 0;
+    if (size > 0) std::fwrite(data, 1, size, file);
+    std::fclose(file);
+
+    std::fflush(stdout);
+    const int saved_stdout = dup(STDOUT_FILENO);
+    const int null_fd = open("/dev/null", O_WRONLY);
+    if (saved_stdout >= 0 && null_fd >= 0) dup2(null_fd, STDOUT_FILENO);
+    obx_reader_process_file(setup.input.c_str(), &setup.options, true);
+    std::fflush(stdout);
+    if (saved_stdout >= 0) {
+        dup2(saved_stdout, STDOUT_FILENO);
+        close(saved_stdout);
+    }
+    if (null_fd >= 0) close(null_fd);
+    return 0;
+}
