@@ -11,6 +11,7 @@
 #include "data/encoded_payload.h"
 #include "data/reader_type_system.h"
 #include "data/type_system.h"
+#include "serializers/counters_text_writer.h"
 #include "serializers/event_text_writer.h"
 #include "tools/read_options.h"
 #include "utils/logger.h"
@@ -81,6 +82,8 @@ void obx_reader_close(obx_reader_context_t* context)
     context->client_id = nullptr;
     obx_event_text_writer_destroy(context->event_writer);
     context->event_writer = nullptr;
+    obx_counters_text_writer_destroy(context->counters_writer);
+    context->counters_writer = nullptr;
     obx_type_system_destroy(context->type_system);
     context->type_system = nullptr;
     if (context->file) gzclose(context->file);

@@ -8,6 +8,8 @@
 #include "data/reader_context.h"
 #include "data/schema/schema_json.h"
 #include "data/type_system.h"
+#include "serializers/counters_text_writer.h"
+#include "serializers/event_text_writer.h"
 #include "tools/read_options.h"
 #include "utils/logger.h"
 #include "utils/text.h"
@@ -25,6 +27,9 @@ bool obx_reader_load_type_system(obx_reader_context_t* context, const uint8_t (*
 {
     if (!context)
         return false;
+    // The text writers' plans point into the schemas about to go.
+    obx_event_text_writer_forget_types(context->event_writer);
+    obx_counters_text_writer_forget_schemas(context->counters_writer);
     obx_type_system_destroy(context->type_system);
     errno = 0;
     context->type_system = obx_type_system_create();

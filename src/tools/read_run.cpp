@@ -38,9 +38,10 @@ static bool run_sorted(obx_read_options_t* options, int* failed)
             return false;
         }
         obx_file_entry_t& entry = entries[i];
-        std::strncpy(entry.source_id, header.source_id, sizeof(entry.source_id));
+        // The header fields need not hold a NUL: keep at most the first 63 / 15 bytes.
+        std::memcpy(entry.source_id, header.source_id, sizeof(entry.source_id) - 1);
         entry.source_id[sizeof(entry.source_id) - 1] = '\0';
-        std::strncpy(entry.source_tag, header.source_tag, sizeof(entry.source_tag));
+        std::memcpy(entry.source_tag, header.source_tag, sizeof(entry.source_tag) - 1);
         entry.source_tag[sizeof(entry.source_tag) - 1] = '\0';
         entry.first_timestamp = header.first_timestamp;
         entry.path = strdup(path);
