@@ -18,8 +18,7 @@ void expect_in_fresh_process(Body body) {
     EXPECT_EXIT(
         {
             const std::string why = body();
-            if (!why.empty()) std::fprintf(stderr, "%s\n", why.c_str());
-            std::fflush(stderr);
+            std::fprintf(stderr, "%s\n", why.c_str());  // stderr is unbuffered
             _exit(why.empty() ? 0 : 1);
         },
         ::testing::ExitedWithCode(0), "");
