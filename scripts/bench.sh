@@ -1,7 +1,125 @@
 #!/bin/sh
-# Micro-benchmarks of the hot functions.
+# Benchmarks: obx_read against plain decompression on large generated files, then the
+# micro-benchmarks of the hot functions.
+#
+#   scripts/bench.sh [build folder] [data folder]
+#
+# The input is generated once into the data folder (outside the repository) and reused
+# while the generator's version and the sizes asked for stay the same. Settings:
+#   OBX_BENCH_RUNS          timed runs per case, the best counts (3)
+#   OBX_BENCH_EVENTS_MIB    uncompressed MiB of event blocks (1024)
+#   OBX_BENCH_COUNTERS_MIB  uncompressed MiB of counter blocks (256)
+#   OBX_BENCH_MICRO         0 skips the micro-benchmarks
+# Targets, checked here: ndjson and influx within 3 times the time of gzip -dc of the
+# same file, json within 3.5 times, and a peak resident size below 64 MiB.
 set -eu
+
 build=${1:-build/release}
-if [ -x "$build/bench/obx_bench" ]; then
-    "$build/bench/obx_bench"
+data=${2:-$HOME/.cache/obx_read_bench}
+runs=${OBX_BENCH_RUNS:-3}
+events_mib=${OBX_BENCH_EVENTS_MIB:-1024}
+counters_mib=${OBX_BENCH_COUNTERS_MIB:-256}
+micro=${OBX_BENCH_MICRO:-1}
+
+reader=$build/obx_read
+generator=$build/bench/obx_bench_generate
+runner=$build/bench/obx_bench_run
+for tool in "$reader" "$generator" "$runner"; do
+    if [ ! -x "$tool" ]; then
+        echo "bench: $tool is missing; build with OBX_BUILD_BENCH=ON first" >&2
+        exit 2
+    fi
+done
+
+# ---- input, made once -------------------------------------------------------------------
+want="$("$generator" --version)
+events_mib $events_mib
+counters_mib $counters_mib"
+have=$(head -n 3 "$data/stamp" 2>/dev/null || true)
+if [ "$have" != "$want" ]; then
+    echo "bench: generating $events_mib MiB of events and $counters_mib MiB of counters in $data"
+    mkdir -p "$data"
+    rm -rf "$data/schema" "$data/events.bin.gz" "$data/counters.bin.gz" "$data/stamp"
+    "$generator" "$data" "$events_mib" "$counters_mib" >/dev/null
 fi
+events=$(awk '$1 == "events" { print $2 }' "$data/stamp")
+blocks=$(awk '$1 == "counter_blocks" { print $2 }' "$data/stamp")
+
+# ---- timing -----------------------------------------------------------------------------
+# Best wall time and largest peak of `runs` runs: "<seconds> <KiB>".
+best_of() {
+    i=0
+    best=""
+    peak=0
+    while [ "$i" -lt "$runs" ]; do
+        result=$("$runner" -- "$@")
+        seconds=${result%% *}
+        rest=${result#* }
+        kib=${rest%% *}
+        status=${rest#* }
+        if [ "$status" -ne 0 ]; then
+            echo "bench: '$*' ended with status $status" >&2
+            exit 1
+        fi
+        best=$(awk -v a="$seconds" -v b="$best" 'BEGIN { print (b == "" || a < b) ? a : b }')
+        [ "$kib" -gt "$peak" ] && peak=$kib
+        i=$((i + 1))
+    done
+    echo "$best $peak"
+}
+
+failed=0
+report_header() {
+    printf '\n%s\n' "$1"
+    printf '%-22s %9s %7s %8s %12s %9s  %s\n' case seconds ratio target "records/s" "peak MiB" result
+}
+# report <case> <seconds KiB> <baseline seconds> <target ratio or -> <records>
+report() {
+    line=$(awk -v name="$1" -v t="$2" -v kib="$3" -v base="$4" -v target="$5" -v n="$6" 'BEGIN {
+        ratio = t / base
+        rate = n <= 0 ? "-" : (n / t >= 1e6 ? sprintf("%.2fM", n / t / 1e6) : sprintf("%.1fk", n / t / 1e3))
+        mib = kib / 1024
+        verdict = "PASS"
+        if (target != "-" && ratio > target) verdict = "FAIL (time)"
+        if (mib >= 64) verdict = "FAIL (memory)"
+        if (target == "-" && mib < 64) verdict = "-"
+        printf "%-22s %9.2f %7.2f %8s %12s %9.1f  %s", name, t, ratio, target, rate, mib, verdict
+    }')
+    echo "$line"
+    case $line in *FAIL*) failed=1 ;; esac
+}
+
+run_file() {
+    file=$1
+    records=$2
+    shift 2
+    result=$(best_of gzip -dc "$file")
+    base=${result% *}
+    report "gzip -dc" "$base" "${result#* }" "$base" - 0
+    for format in "$@"; do
+        case $format in
+            json) target=3.5 ;;
+            *) target=3.0 ;;
+        esac
+        result=$(best_of "$reader" -s "$data/schema" -f "$format" "$file")
+        report "obx_read -f $format" "${result% *}" "${result#* }" "$base" "$target" "$records"
+    done
+}
+
+report_header "events: $events_mib MiB of event blocks, $events events ($(du -m "$data/events.bin.gz" | cut -f1) MiB gzip), best of $runs"
+run_file "$data/events.bin.gz" "$events" ndjson json influx
+report_header "counters: $counters_mib MiB of counter blocks, $blocks blocks ($(du -m "$data/counters.bin.gz" | cut -f1) MiB gzip), best of $runs"
+run_file "$data/counters.bin.gz" "$blocks" ndjson json
+
+# ---- hot functions ----------------------------------------------------------------------
+if [ "$micro" != 0 ] && [ -x "$build/bench/obx_bench" ]; then
+    echo
+    "$build/bench/obx_bench" --benchmark_min_time=0.2
+fi
+
+echo
+if [ "$failed" -ne 0 ]; then
+    echo "bench: some targets were missed"
+    exit 1
+fi
+echo "bench: all targets met"

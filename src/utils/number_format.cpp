@@ -25,6 +25,16 @@ struct Pow10Table {
 };
 constexpr Pow10Table kPow10;
 
+// 1e-20 to 1e40 as doubles, nearest to the true powers.
+constexpr int kPow10DoubleBias = 20;
+constexpr int kPow10DoubleEnd = 41;
+constexpr double kPow10Double[kPow10DoubleBias + kPow10DoubleEnd] = {
+    1e-20, 1e-19, 1e-18, 1e-17, 1e-16, 1e-15, 1e-14, 1e-13, 1e-12, 1e-11, 1e-10, 1e-9, 1e-8, 1e-7, 1e-6,
+    1e-5,  1e-4,  1e-3,  1e-2,  1e-1,  1e0,   1e1,   1e2,   1e3,   1e4,   1e5,   1e6,  1e7,  1e8,  1e9,
+    1e10,  1e11,  1e12,  1e13,  1e14,  1e15,  1e16,  1e17,  1e18,  1e19,  1e20,  1e21, 1e22, 1e23, 1e24,
+    1e25,  1e26,  1e27,  1e28,  1e29,  1e30,  1e31,  1e32,  1e33,  1e34,  1e35,  1e36, 1e37, 1e38, 1e39,
+    1e40};
+
 constexpr uint64_t kTen16 = 10000000000000000ull;
 constexpr uint64_t kTen17 = 100000000000000000ull;
 
@@ -46,6 +56,37 @@ inline char* digits_backwards(char* end, uint64_t value)
         *--p = static_cast<char>('0' + value);
     }
     return p;
+}
+
+constexpr uint64_t kPow10U64[20] = {1ull,
+                                    10ull,
+                                    100ull,
+                                    1000ull,
+                                    10000ull,
+                                    100000ull,
+                                    1000000ull,
+                                    10000000ull,
+                                    100000000ull,
+                                    1000000000ull,
+                                    10000000000ull,
+                                    100000000000ull,
+                                    1000000000000ull,
+                                    10000000000000ull,
+                                    100000000000000ull,
+                                    1000000000000000ull,
+                                    10000000000000000ull,
+                                    100000000000000000ull,
+                                    1000000000000000000ull,
+                                    10000000000000000000ull};
+
+// Number of decimal digits of `value` (1 for 0).
+inline size_t decimal_length(uint64_t value)
+{
+    // 1233 / 4096 is just above log10(2): from the bit length this gives the number of
+    // digits or one less, and one comparison settles which.
+    const unsigned guess = static_cast<unsigned>((64 - __builtin_clzll(value | 1)) * 1233) >> 12;
+    const size_t length = guess + (value >= kPow10U64[guess] ? 1 : 0);
+    return length ? length : 1;
 }
 
 // Exactly `count` digits of `value` (zero-padded on the left) at `out`.
@@ -148,11 +189,8 @@ bool scaled_digits(const Binary& b, int scale, u128* rounded, u128* truncated)
 
 size_t obx_format_u64(char* out, uint64_t value)
 {
-    char buffer[24];
-    char* end = buffer + sizeof buffer;
-    char* first = digits_backwards(end, value);
-    const size_t length = static_cast<size_t>(end - first);
-    std::memcpy(out, first, length);
+    const size_t length = decimal_length(value);
+    digits_backwards(out + length, value);
     out[length] = '\0';
     return length;
 }
@@ -183,8 +221,12 @@ size_t obx_format_g17(char* out, double value)
     if (b.biased == 0 || binary_exponent < -17 || binary_exponent > 126)
         return printf_fallback(out, OBX_NUMBER_TEXT_MAX, "%1.17g", value);
 
-    // floor(binary_exponent * log10(2)) is the decimal exponent or one below it.
+    // floor(binary_exponent * log10(2)) is the decimal exponent or one below it; a double
+    // comparison nearly always settles which, and the loop below mends the rare miss.
     int exponent = (binary_exponent * 78913) >> 18;
+    if (exponent + 1 >= -kPow10DoubleBias && exponent + 1 < kPow10DoubleEnd &&
+        magnitude >= kPow10Double[exponent + 1 + kPow10DoubleBias])
+        ++exponent;
     u128 rounded = 0;
     u128 truncated = 0;
     bool found = false;

@@ -1,0 +1,69 @@
+// Influx line protocol: escaping, the field set of one event, the tag set and the full
+// line. obx_read's influx format prints the field set alone (obx_influx_serialize_event).
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "serializers/serializer.h"
+
+struct obx_type_definition_t;
+struct obx_type_field_definition_t;
+
+namespace obx {
+namespace data {
+
+class InfluxSerializer : public Serializer {
+public:
+    InfluxSerializer();
+
+    // Lines of a page. Pages are not read yet: the result is empty.
+    std::vector<std::string> serializePage(const SerializerTags& tags, const obx_data_page_t* page,
+                                           const obx_type_system_t* type_system) override;
+
+    // "name=value" texts of the record's fields in field order; `prefix` names the
+    // enclosing field ("" at the top).
+    std::vector<std::string> serializeFields(const obx_type_definition_t* type, const uint8_t* record,
+                                             const std::string& prefix) const;
+    std::vector<std::string> serializeField(const obx_type_field_definition_t* field, const uint8_t* value,
+                                            const std::string& prefix) const;
+    // An array that is not text: only elements of a composite type give fields.
+    std::vector<std::string> serializeArrayField(const obx_type_field_definition_t* field, const uint8_t* value,
+                                                 const std::string& prefix) const;
+    // A char or unsigned char array: the printable bytes up to the first other one, quoted
+    // and not escaped.
+    std::vector<std::string> serializeTextField(const obx_type_field_definition_t* field, const uint8_t* value,
+                                                const std::string& prefix) const;
+
+    // One built-in value by id (1 to 22); any other id throws std::logic_error.
+    static std::string renderScalar(uint32_t id, const uint8_t* value);
+    // One counter value from its 8-byte slot, by the counter's data type.
+    static std::string renderCounterValue(const uint8_t* value, int32_t data_type);
+
+    // Every occurrence of each entry, list order, gets a backslash in front.
+    static std::string escape(const std::string& text, const std::vector<std::string>& escapes);
+
+    // key=value pairs in key order, both sides escaped with key_escapes, joined by ",".
+    std::string serializeTags(const SerializerTags& tags) const;
+    // measurement[,tags] fields timestamp-in-milliseconds; `timestamp` is in microseconds.
+    std::string serializeEventLine(const SerializerTags& tags, const obx_type_definition_t* type,
+                                   const uint8_t* record, uint64_t timestamp) const;
+
+    const std::vector<std::string>& measurementEscapes() const { return measurement_escapes; }
+    const std::vector<std::string>& keyEscapes() const { return key_escapes; }
+
+private:
+    std::vector<std::string> measurement_escapes;
+    std::vector<std::string> key_escapes;
+    // Set and never read: string field values go out unescaped.
+    std::vector<std::string> string_value_escapes;
+};
+
+}  // namespace data
+}  // namespace obx
+
+// The field set of one event as a new text (free with obx_influx_free_text); an event
+// with no rendered fields gives "". nullptr only when memory ran out.
+char* obx_influx_serialize_event(const obx_type_definition_t* type, const uint8_t* record);
+void obx_influx_free_text(char* text);
