@@ -157,17 +157,29 @@ TEST(MetricsRead, OneValuePerBlockUntilABadBlockEndsTheFile) {
     const std::vector<Bytes> blocks = {example_block(), example_block_builder()
         .record(record_at(1700000002000000ull, {{0, 7}}, labels_by_id(0, {0, 1}))).build()};
     auto value_text = [](const Bytes& block, bool pretty) { return json_text(to_json(block).get(), pretty); };
+    // Both blocks as compressed pages, back to back in one chunk.
+    auto pages = [&blocks](Codec codec) {
+        FrameSpec frame;
+        frame.codec = codec;
+        Bytes chunk = page_frame(blocks[0], frame);
+        const Bytes second = page_frame(blocks[1], frame);
+        chunk.insert(chunk.end(), second.begin(), second.end());
+        return std::vector<Bytes>{chunk};
+    };
+    const std::string both_lines = value_text(blocks[0], false) + "\n" + value_text(blocks[1], false) + "\n";
     TempDir dir;
     // Standard output exactly, and a text that standard error holds ("" for nothing at all).
     const struct { std::string format; std::vector<Bytes> chunks; int status; std::string out, err; } cases[] = {
-        {"ndjson", blocks, 0, value_text(blocks[0], false) + "\n" + value_text(blocks[1], false) + "\n", ""},
+        {"ndjson", blocks, 0, both_lines, ""},
         {"json", blocks, 0, "{\"m\":[" + value_text(blocks[0], true) + ",\n" + value_text(blocks[1], true) + "]}", ""},
+        {"ndjson", pages(Codec::gzip), 0, both_lines, ""},
+        {"ndjson", pages(Codec::snappy), 0, both_lines, ""},
         {"ndjson", {blocks[0], bad, blocks[1]}, 1, value_text(blocks[0], false) + "\n",
          "failed to parse full block: Invalid magic numbers in the binary data"},
     };
     for (const auto& c : cases) {
         FileHeaderSpec header;
-        header.block_size = 256;
+        header.block_size = 512;
         write_file(dir.file("m.bin"), data_file(header, c.chunks));
         const ProcessResult result = run_obx_read({"-s", dir.path(), "-f", c.format, dir.file("m.bin")});
         EXPECT_EQ(result.exit_status, c.status) << c.format << "\n" << result.err;
