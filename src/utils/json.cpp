@@ -45,21 +45,6 @@ constexpr char kHexLower[] = "0123456789abcdef";
 // The six JSON kinds; Jansson splits number and boolean in two each.
 enum class Kind { Null, String, Number, Object, Array, Boolean, None };
 
-Kind kind_of(const json_t* value)
-{
-    switch (json_typeof(value)) {
-    case JSON_NULL: return Kind::Null;
-    case JSON_STRING: return Kind::String;
-    case JSON_INTEGER:
-    case JSON_REAL: return Kind::Number;
-    case JSON_OBJECT: return Kind::Object;
-    case JSON_ARRAY: return Kind::Array;
-    case JSON_TRUE:
-    case JSON_FALSE: return Kind::Boolean;
-    }
-    return Kind::None;
-}
-
 Kind kind_of_type(json_type type)
 {
     switch (type) {
@@ -74,6 +59,8 @@ Kind kind_of_type(json_type type)
     }
     return Kind::None;
 }
+
+Kind kind_of(const json_t* value) { return kind_of_type(json_typeof(value)); }
 
 void append_indent(std::string& out, int depth)
 {
