@@ -153,10 +153,10 @@ TEST_F(DispatchTest, OutputOfEachFormat)
 TEST_F(DispatchTest, SchemasEventsAndUnknownBlocks)
 {
     auto ids = [&](std::optional<uint16_t> count, std::optional<uint16_t> size, size_t pad, std::string id = "") {
-        return schemas_block(SchemasBlockSpec{{id.empty() ? SchemaFolder::hex(all_) : id}, size, count, pad, "OBXS"});
+        return schemas_block(SchemasBlockFields{{id.empty() ? SchemaFolder::hex(all_) : id}, size, count, pad, "OBXS"});
     };
     // Consumed by its own size, here more than the 256 bytes it must have.
-    SchemasBlockSpec swapped{{SchemaFolder::hex(other_), SchemaFolder::hex(all_)}, {}, {}, 272, "OBXS"};
+    SchemasBlockFields swapped{{SchemaFolder::hex(other_), SchemaFolder::hex(all_)}, {}, {}, 272, "OBXS"};
     const Bytes three = concat({inner(1, 1), inner(2, 2), inner(3, 3)});
     const std::string four = "{\"lo\":4,\"hi\":4}\n", reached = "Reached unknown block type ";
     run({

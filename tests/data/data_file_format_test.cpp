@@ -26,7 +26,7 @@ std::string capture(const std::function<void(FILE*)>& print) {
     return text;
 }
 
-obx_data_file_header_t decoded(const FileHeaderSpec& layout) {
+obx_data_file_header_t decoded(const FileHeaderFields& layout) {
     obx_data_file_header_t header;
     obx_data_file_header_decode(file_header(layout).data(), &header);
     return header;
@@ -38,20 +38,20 @@ const char* const kIdA = "00112233445566778899aabbccddeeff";
 
 TEST(DataFileHeader, ValidationChecksMagicVersionAndSizeInThatOrder) {
     const std::string v = "Version of data page ", tail = " is incompatible with Ombrix version 1.22.1";
-    const struct { std::function<void(FileHeaderSpec&)> change; std::string error; } cases[] = {
-        {[](FileHeaderSpec&) {}, ""},  // file size 256
-        {[](FileHeaderSpec& s) { s.magic_end = "XXXX"; s.byte_order = 7; s.block_size = 0; }, ""},
-        {[](FileHeaderSpec& s) { s.version_patch = 65535; s.version_minor = 0; }, ""},
-        {[](FileHeaderSpec& s) { s.version_minor = 8; }, v + "1.8.0" + tail},
-        {[](FileHeaderSpec& s) { s.version_major = 0; }, v + "0.7.0" + tail},
-        {[](FileHeaderSpec& s) { s.version_major = 2; s.version_minor = 0; s.version_patch = 3; }, v + "2.0.3" + tail},
-        {[](FileHeaderSpec& s) { s.file_size = 255; }, "Wrong data file size 255 is less then file header size 256"},
-        {[](FileHeaderSpec& s) { s.file_size = ~0ull; }, ""},  // compared unsigned
-        {[](FileHeaderSpec& s) { s.magic = "OBXQ"; s.version_major = 9; s.file_size = 1; }, "Wrong data page magic number."},
-        {[](FileHeaderSpec& s) { s.version_minor = 9; s.file_size = 1; }, v + "1.9.0" + tail},
+    const struct { std::function<void(FileHeaderFields&)> change; std::string error; } cases[] = {
+        {[](FileHeaderFields&) {}, ""},  // file size 256
+        {[](FileHeaderFields& s) { s.magic_end = "XXXX"; s.byte_order = 7; s.block_size = 0; }, ""},
+        {[](FileHeaderFields& s) { s.version_patch = 65535; s.version_minor = 0; }, ""},
+        {[](FileHeaderFields& s) { s.version_minor = 8; }, v + "1.8.0" + tail},
+        {[](FileHeaderFields& s) { s.version_major = 0; }, v + "0.7.0" + tail},
+        {[](FileHeaderFields& s) { s.version_major = 2; s.version_minor = 0; s.version_patch = 3; }, v + "2.0.3" + tail},
+        {[](FileHeaderFields& s) { s.file_size = 255; }, "Wrong data file size 255 is less then file header size 256"},
+        {[](FileHeaderFields& s) { s.file_size = ~0ull; }, ""},  // compared unsigned
+        {[](FileHeaderFields& s) { s.magic = "OBXQ"; s.version_major = 9; s.file_size = 1; }, "Wrong data page magic number."},
+        {[](FileHeaderFields& s) { s.version_minor = 9; s.file_size = 1; }, v + "1.9.0" + tail},
     };
     for (const auto& c : cases) {
-        FileHeaderSpec layout;
+        FileHeaderFields layout;
         c.change(layout);
         const obx_data_file_header_t header = decoded(layout);
         LogCapture log;
@@ -62,7 +62,7 @@ TEST(DataFileHeader, ValidationChecksMagicVersionAndSizeInThatOrder) {
 
 // Every field has a distinct value, so this also checks the offset each one is decoded from.
 TEST(DataFileHeader, PrintGivesEveryLineByteForByteInsideUnterminatedFields) {
-    FileHeaderSpec layout;
+    FileHeaderFields layout;
     layout.version_major = 255;
     layout.version_minor = 254;
     layout.version_patch = 65535;
@@ -144,12 +144,12 @@ TEST(PageFrame, SizesAndTrailerAreCheckedAgainstTheBytesThere) {
     EXPECT_EQ(obx_page_frame_size(&info), frame.size());
     EXPECT_TRUE(obx_page_frame_has_trailer(frame.data(), frame.size(), &info));
     EXPECT_FALSE(obx_page_frame_has_trailer(frame.data(), frame.size() - 1, &info));
-    FrameSpec wrong;
+    FrameFields wrong;
     wrong.trailer = "obxq";
     EXPECT_FALSE(obx_page_frame_has_trailer(page_frame(Bytes(100, 'a'), wrong).data(), frame.size(), &info));
 
     // A stream size near 4 GiB must not wrap the frame's end around to a small number.
-    FrameSpec lying;
+    FrameFields lying;
     lying.header_size = 255;
     lying.stream_size = 0xFFFFFFFFu;
     const Bytes huge = page_frame(Bytes(10, 'a'), lying);

@@ -31,7 +31,7 @@ std::string source_fields(const std::string& id, const std::string& tag) {
 }  // namespace
 
 TEST(EncodedHeader, ReadRefusesSizesPastTheBytesThere) {
-    FrameSpec small_h, long_stream;
+    FrameFields small_h, long_stream;
     const Bytes good = encoded_payload(sample_page(500));
     small_h.header_size = 23;
     long_stream.stream_size = 0xFFFFFFFFu;  // must not wrap around
@@ -79,7 +79,7 @@ TEST(PascalString, CopiesLengthByteAndTextWithinTheBuffer) {
 }
 
 TEST(ObxpHeader, CopyBuildsTheBytesOfTheFixtureBuilderOrFailsWithItsMessages) {
-    FrameSpec layout;
+    FrameFields layout;
     layout.codec = Codec::none;  // stored type 'N'
     layout.stream_size = 5;
     layout.source_id = std::string(64, 'n');
@@ -121,7 +121,7 @@ TEST(EncodedDecode, GzipAndSnappyPagesComeBackWholeIntoABufferOfTheStoredSize) {
         for (size_t size : {size_t{0}, size_t{1}, size_t{100000}}) {
             SCOPED_TRACE(std::to_string(codec == Codec::gzip) + " " + std::to_string(size));
             const Bytes page = sample_page(size);
-            FrameSpec layout;
+            FrameFields layout;
             layout.codec = codec;
             const Bytes payload = encoded_payload(page, layout);
             LogCapture log;
@@ -138,7 +138,7 @@ TEST(EncodedDecode, GzipAndSnappyPagesComeBackWholeIntoABufferOfTheStoredSize) {
 TEST(EncodedDecode, BrokenStreamsFailWithTheirMessages) {
     const Bytes page = sample_page(5000), snappy_stream = snappy_compress(page);
     auto payload = [&](uint8_t type, const Bytes& stream, std::optional<uint32_t> isize = std::nullopt) {
-        FrameSpec layout;
+        FrameFields layout;
         layout.codec = isize ? Codec::gzip : Codec::none;
         layout.compression_type = type;
         layout.isize = isize;

@@ -22,7 +22,7 @@ TEST(EventToJson, RecordsByKind)
     types.add("deep", {{"peer", "peer"}, {"x", "double"}});
     types.add("hollow", {{"h", "int"}});
     types.mutable_type("hollow")->num_fields = 0;  // a composite without fields
-    const std::tuple<std::vector<EventFieldSpec>, Bytes, const char*> cases[] = {
+    const std::tuple<std::vector<EventFieldFields>, Bytes, const char*> cases[] = {
         {{{"c", "char"}, {"s", "short"}, {"i", "int"}, {"l", "long"}, {"k", "char", 1}},  // signed reads
          ByteWriter().u8(0x80).u16(0x8000).u32(~0u).u64(1ull << 63).u8('A').take(),
          R"({"c":-128,"s":-32768,"i":-1,"l":-9.2233720368547758e+18,"k":65})"},

@@ -38,8 +38,8 @@ Bytes with_magic(const std::string& magic, size_t size, uint8_t fill) {
     return bytes;
 }
 
-FileHeaderSpec header(uint32_t block_size = 64) {
-    FileHeaderSpec head;
+FileHeaderFields header(uint32_t block_size = 64) {
+    FileHeaderFields head;
     head.block_size = block_size;
     return head;
 }
@@ -90,21 +90,21 @@ TEST_F(ReaderTest, HeaderChecksInOrder) {
     // How the header is changed, and the report behind "Failed processing file <path>: "
     // (empty when the file passes).
     const std::string in_range = " must be in range between 16 and 125829120 bytes ";
-    const std::pair<void (*)(FileHeaderSpec&), std::string> cases[] = {
-        {[](FileHeaderSpec&) {}, ""},
-        {[](FileHeaderSpec& s) { s.block_size = 16; }, ""},
-        {[](FileHeaderSpec& s) { s.block_size = 0x77FFFFF; }, ""},
-        {[](FileHeaderSpec& s) { s.magic = "OBXG"; }, "Invalid data file header"},
-        {[](FileHeaderSpec& s) { s.block_size = 15; }, "Block size 15" + in_range},
-        {[](FileHeaderSpec& s) { s.block_size = 0x7800000; }, "Block size 125829120" + in_range},
-        {[](FileHeaderSpec& s) { s.block_size = 0xFFFFFFFF; }, "Block size -1" + in_range},
-        {[](FileHeaderSpec& s) { s.event_schema_ids = {"0123456789abcdef0123456789abcdef"}; },
+    const std::pair<void (*)(FileHeaderFields&), std::string> cases[] = {
+        {[](FileHeaderFields&) {}, ""},
+        {[](FileHeaderFields& s) { s.block_size = 16; }, ""},
+        {[](FileHeaderFields& s) { s.block_size = 0x77FFFFF; }, ""},
+        {[](FileHeaderFields& s) { s.magic = "OBXG"; }, "Invalid data file header"},
+        {[](FileHeaderFields& s) { s.block_size = 15; }, "Block size 15" + in_range},
+        {[](FileHeaderFields& s) { s.block_size = 0x7800000; }, "Block size 125829120" + in_range},
+        {[](FileHeaderFields& s) { s.block_size = 0xFFFFFFFF; }, "Block size -1" + in_range},
+        {[](FileHeaderFields& s) { s.event_schema_ids = {"0123456789abcdef0123456789abcdef"}; },
          "Failed to load type system"},
     };
     for (const bool print : {false, true}) {
         options_.print_headers = print;
         for (const auto& [change, expected] : cases) {
-            FileHeaderSpec head = header();
+            FileHeaderFields head = header();
             change(head);
             SCOPED_TRACE(expected + (print ? " (-p)" : ""));
             const std::string path = file("a.bin", file_header(head));
@@ -131,7 +131,7 @@ TEST_F(ReaderTest, BodyWalkOverChunksAndFrames) {
     const Bytes four = with_magic("OBXD", 4, 0), zeros(512, 0);
     const Bytes page_a = with_magic("OBXE", 100, 0x11), page_b = with_magic("OBXD", 60, 0x22);
     const Bytes page_c = with_magic("CNTX", 33, 0x33);
-    FrameSpec snappy, bad_trailer, too_long, long_source, wrong_isize, huge_isize;
+    FrameFields snappy, bad_trailer, too_long, long_source, wrong_isize, huge_isize;
     snappy.codec = Codec::snappy;
     bad_trailer.trailer = "obxq";
     too_long.stream_size = 100000;
@@ -232,7 +232,7 @@ TEST_F(ReaderTest, FileLevelDateTestAsWritten) {
     // gt, lt, chunks walked
     const std::tuple<uint64_t, uint64_t, size_t> cases[] = {
         {0, UINT64_MAX, 1}, {300, UINT64_MAX, 1}, {0, 50, 1}, {300, 50, 0}, {200, 100, 1}, {300, 100, 1}};
-    FileHeaderSpec head = header(64);
+    FileHeaderFields head = header(64);
     head.first_timestamp = 100;
     head.last_timestamp = 200;
     const std::string path = file("a.bin", data_file(head, {chunk(with_magic("OBXD", 16, 0), 64)}));

@@ -141,9 +141,9 @@ TEST(CntxParser, RecordsSectionEdges) {
 }
 
 TEST(CntxParser, RecordShapesAndBlockSections) {
-    BatchRecordSpec high_length = record_at(1, {{0, 1}}, labels_by_id(0, {0})), zero_length = high_length;
+    BatchRecordFields high_length = record_at(1, {{0, 1}}, labels_by_id(0, {0})), zero_length = high_length;
     high_length.length = 9999, zero_length.length = 0;
-    BatchRecordSpec lying_samples = high_length, double_value = record_at(1, {{0, 1ull << 62}}, labels_by_id(0, {0}));
+    BatchRecordFields lying_samples = high_length, double_value = record_at(1, {{0, 1ull << 62}}, labels_by_id(0, {0}));
     lying_samples.length.reset(), lying_samples.num_samples = 300, double_value.value_type = 2;
     const std::string no_cntd = "Missing 'CNTD' magic number in the binary data";
     const struct { CntxBuilder builder; std::string expected; } cases[] = {
@@ -154,7 +154,7 @@ TEST(CntxParser, RecordShapesAndBlockSections) {
         {small_block().record(record_at(1, {}, labels_by_id(0, {}), 'G')), "0=7 / "},
         {small_block().record(record_at(1, {}, labels_by_id(0, {}), 'c')), "invalid metric type"},  // only C and G
         {CntxBuilder().label_set({"d"}).label_values({"v"}).metric_names({"m"}), ""},  // no records, no error
-        {small_block().hist(HistRecordSpec{}).filler(ByteWriter().text("HISTjunk").take()), "0=7"},
+        {small_block().hist(HistRecordFields{}).filler(ByteWriter().text("HISTjunk").take()), "0=7"},
         {small_block().blocksize(0xFFFFFFFFu), "0=7"},
         {small_block().label_values_suffix("oops"), "0=7"},  // more data behind: suffixes pass
         {small_block().end_marks("cntd", "CNTX"), "0=7"},
@@ -167,7 +167,7 @@ TEST(CntxParser, RecordShapesAndBlockSections) {
         {small_block().record(lying_samples), kPast + "batch samples run past the end of the block"},
         {small_block().blocksize(20), "start_offset exceeds data size"},
         {small_block().blocksize(27), "insufficient data for 'L' encoding"},
-        {small_block().record(record_at(1, {}, LabelsBlockSpec{0, 'Z', {}, std::nullopt})), "invalid encoding type"},
+        {small_block().record(record_at(1, {}, LabelsBlockFields{0, 'Z', {}, std::nullopt})), "invalid encoding type"},
         {small_block().without_label_values(), no_cntd},  // the missing LBLV shows up as a missing CNTD
         {small_block().without_metric_names(), no_cntd},
         {small_block().without_cntd(), no_cntd},

@@ -124,7 +124,7 @@ TEST(MetricsOutput, BlockThatCannotBeJsonifiedFailsWithAReport) {
 
 TEST(MetricsOutput, RecordsOverwriteOneRootObject) {
     const std::string zero_time = R"("@timestamp":"1970-01-01 00:00:00.000")";
-    BatchRecordSpec as_double = record_at(1700000000123456ull, {{0, 0x3ff0000000000000ull}}, labels_by_id(0, {}));
+    BatchRecordFields as_double = record_at(1700000000123456ull, {{0, 0x3ff0000000000000ull}}, labels_by_id(0, {}));
     as_double.value_type = 2;  // the bits of 1.0 still print as an unsigned integer
     const struct { CntxBuilder builder; std::string expected; } cases[] = {
         {base_block().record(record_at(0, {{0, 1}}, labels_by_id(0, {1}))),
@@ -159,7 +159,7 @@ TEST(MetricsRead, OneValuePerBlockUntilABadBlockEndsTheFile) {
     auto value_text = [](const Bytes& block, bool pretty) { return json_text(to_json(block).get(), pretty); };
     // Both blocks as compressed pages, back to back in one chunk.
     auto pages = [&blocks](Codec codec) {
-        FrameSpec frame;
+        FrameFields frame;
         frame.codec = codec;
         Bytes chunk = page_frame(blocks[0], frame);
         const Bytes second = page_frame(blocks[1], frame);
@@ -178,7 +178,7 @@ TEST(MetricsRead, OneValuePerBlockUntilABadBlockEndsTheFile) {
          "failed to parse full block: Invalid magic numbers in the binary data"},
     };
     for (const auto& c : cases) {
-        FileHeaderSpec header;
+        FileHeaderFields header;
         header.block_size = 512;
         write_file(dir.file("m.bin"), data_file(header, c.chunks));
         const ProcessResult result = run_obx_read({"-s", dir.path(), "-f", c.format, dir.file("m.bin")});

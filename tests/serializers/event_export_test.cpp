@@ -33,11 +33,11 @@ protected:
         first_ = folder_.add(first);
         second_ = folder_.add(second);
         counters_ = folder_.add(counters_layout("c").json().get());
-        FileHeaderSpec header;
+        FileHeaderFields header;
         header.block_size = 1024;
         header.event_schema_ids = {SchemaFolder::hex(first_)};
         header.counters_schema_id = SchemaFolder::hex(counters_);
-        SchemasBlockSpec swap;
+        SchemasBlockFields swap;
         swap.ids = {SchemaFolder::hex(second_)};
         const Bytes a_events = ByteWriter().fixed("alpha", 6).f64(0.5).fixed("beta/2", 6).f64(1e300).take();
         const Bytes file = data_file(header, {concat({event_block(0, 0, 2, a_events), schemas_block(swap),

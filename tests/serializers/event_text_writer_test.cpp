@@ -123,7 +123,7 @@ TEST_F(EventTextWriter, RandomRecordsOfARichType)
 {
     types.add("inner", {{"id", "uint32_t"}, {"name", "char", 5}, {"ratio", "float"}, {"on", "bool"}});
     types.add("outer", {{"inner", "inner"}, {"inners", "inner", 2}, {"when", "timestamp"}});
-    std::vector<EventFieldSpec> fields;
+    std::vector<EventFieldFields> fields;
     for (uint32_t id = 1; id <= OBX_BUILT_IN_TYPE_COUNT; ++id)
         fields.push_back({"f" + std::to_string(id), obx_built_in_type_name(id)});
     // Keys are escaped in advance: "a/b" needs a new plan at each change of the slash setting.

@@ -45,7 +45,7 @@ TEST(InfluxSerializer, WorkedExampleEscapesAndEdgeCases)
     types.add("inner_t", {{"x", "int"}});
     types.add("outer_t", {{"inner", "inner_t", 2}});
     types.add("b_t", {{"b", "outer_t"}});
-    const std::tuple<std::vector<EventFieldSpec>, Bytes, const char*> cases[] = {
+    const std::tuple<std::vector<EventFieldFields>, Bytes, const char*> cases[] = {
         {{{"s", "char", 4}}, ByteWriter().text("abcd").take(), "s=\"abcd\""},  // unterminated
         {{{"s", "char", 5}}, ByteWriter().text("ab\x01" "cd").take(), "s=\"ab\""},
         {{{"s", "char", 4}, {"t", "char", 4}}, ByteWriter().text("a\"b").zeros(1).text("a\\b").zeros(1).take(),
@@ -71,7 +71,7 @@ TEST(InfluxSerializer, WorkedExampleEscapesAndEdgeCases)
 TEST(InfluxSerializer, RendersScalarsAndCounterValues)
 {
     EventTypes types;
-    std::vector<EventFieldSpec> fields;
+    std::vector<EventFieldFields> fields;
     for (uint32_t id = 1; id <= OBX_BUILT_IN_TYPE_COUNT; ++id)
         fields.push_back({"f" + std::to_string(id), obx_built_in_type_name(id)});
     const Bytes record = ByteWriter().u8(2).u8(0x80).u16(0x8000).u32(~0u).u64(1ull << 63).u64(~1ull).u8(0xff)

@@ -31,7 +31,7 @@ TEST(Export, OutputAndExitStatus)
     EventSchemaDoc events("export");
     CountersSchemaDoc counters;
     counters.group("NODE", 1, std::string("g")).counter("a", "UINT64").counter("b", "INT64");
-    FileHeaderSpec head;
+    FileHeaderFields head;
     head.block_size = 512;
     events.type("y", {{"y", "uint16_t"}}).type("x", {{"x", "uint8_t"}});
     head.event_schema_ids = {SchemaFolder::hex(schemas.add(events))};

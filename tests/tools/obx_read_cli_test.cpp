@@ -61,7 +61,7 @@ struct Workspace {
         if (mkfifo(dir.file("walk/pipe").c_str(), 0644) != 0) throw std::runtime_error("mkfifo failed");
     }
     void header(const std::string& name, const std::string& id, const std::string& tag, uint64_t first_timestamp) {
-        obx_test::FileHeaderSpec head;
+        obx_test::FileHeaderFields head;
         head.source_id = id;
         head.source_tag = tag;
         head.first_timestamp = first_timestamp;
