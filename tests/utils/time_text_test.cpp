@@ -3,29 +3,27 @@
 #include <gtest/gtest.h>
 #include <time.h>
 
-#include "fresh_process.h"
+#include <memory>
 
-// In a fresh process set to Kolkata, 5:30 ahead of UTC, so that a UTC rendering is caught as well.
+// Set to Kolkata, 5:30 ahead of UTC, so that a UTC rendering is caught as well. Both forms
+// must agree; the buffer form needs room for 23 characters and the terminator.
 TEST(TimeText, LocalTimeWithMillisecondsCutNotRounded) {
-    obx_test::expect_in_fresh_process([]() -> std::string {
-        setenv("TZ", "Asia/Kolkata", 1);
-        tzset();
-        const struct { uint64_t micros; const char* text; } rows[] = {
-            {0, "1970-01-01 05:30:00.000"}, {1500999, "1970-01-01 05:30:01.500"},
-            {1999999, "1970-01-01 05:30:01.999"},  // not rounded up into the next second
-            {1709280930125000ull, "2024-03-01 13:45:30.125"}};
-        char buffer[24];  // 23 characters and the terminator
-        for (const auto& row : rows) {
-            char* text = obx_time_to_string(row.micros);
-            const bool same = text && std::string(text) == row.text && obx_time_to_string_into(row.micros, buffer, 24) &&
-                              std::string(buffer) == row.text && !obx_time_to_string_into(row.micros, buffer, 23);
-            std::free(text);
-            if (!same) return std::to_string(row.micros) + " is not shown as " + row.text;
-        }
-        char* largest = obx_time_to_string(UINT64_MAX);  // year 586912 still fits
-        const std::string text = largest ? largest : "<null>";
-        std::free(largest);
-        if (obx_time_to_string_into(0, nullptr, 32) || obx_time_to_string_into(0, buffer, 0)) return "a bad buffer was taken";
-        return text.find(".551") != std::string::npos ? "" : "the largest time is shown as " + text;
-    });
+    using Text = std::unique_ptr<char, decltype(&std::free)>;
+    const char* const old_zone = std::getenv("TZ");
+    const std::string saved = old_zone ? old_zone : "";
+    setenv("TZ", "Asia/Kolkata", 1);
+    tzset();
+    const std::pair<uint64_t, const char*> rows[] = {{0, "1970-01-01 05:30:00.000"}, {1999999, "1970-01-01 05:30:01.999"},
+                                                     {1709280930125000ull, "2024-03-01 13:45:30.125"}};
+    char buffer[24];
+    for (const auto& [micros, expected] : rows) {
+        EXPECT_STREQ(Text(obx_time_to_string(micros), std::free).get(), expected);
+        EXPECT_TRUE(obx_time_to_string_into(micros, buffer, 24) && std::string(buffer) == expected &&
+                    !obx_time_to_string_into(micros, buffer, 23)) << buffer;
+    }
+    const Text largest(obx_time_to_string(UINT64_MAX), std::free);  // year 586912 still fits
+    EXPECT_NE(std::string(largest ? largest.get() : "").find(".551"), std::string::npos);
+    EXPECT_FALSE(obx_time_to_string_into(0, nullptr, 32) || obx_time_to_string_into(0, buffer, 0));
+    old_zone ? setenv("TZ", saved.c_str(), 1) : unsetenv("TZ");
+    tzset();
 }

@@ -2,13 +2,7 @@
 
 #include <gtest/gtest.h>
 
-TEST(Version, TextAndWords) {
-    EXPECT_STREQ(obx_version_get_string(), "1.22.1");
-    EXPECT_EQ(obx_version_from_string(obx_version_get_string()), obx_version_get());
-    const char* text = obx_version_to_string(0xFFFFFFFFu);
-    EXPECT_STREQ(text, "255.255.65535");
-    EXPECT_EQ(obx_version_to_string(OBX_FORMAT_VERSION_WORD), text);  // one buffer, overwritten by the next call
-    EXPECT_STREQ(text, "1.7.0");
+TEST(Version, FromText) {
     const struct { const char* text; uint32_t word; } rows[] = {
         {"1", 0},  // the minor is required
         {"1.5", 0x0501}, {"1.5 .2", 0x20501}, {"1.5. 2", 0x20501},  // blanks before and after the second dot
@@ -16,10 +10,11 @@ TEST(Version, TextAndWords) {
     for (const auto& row : rows) EXPECT_EQ(obx_version_from_string(row.text), row.word) << (row.text ? row.text : "<null>");
 }
 
+// Compatible: the data's major equals the reader's and its minor is not newer.
 TEST(Version, CompareAndCompatibilityIgnorePatch) {
-    const struct { const char* first; const char* second; int sign; bool compatible; } rows[] = {  // compatible: data, reader
-        {"1.2.9", "1.2.1", 0, true}, {"1.3.0", "1.2.9", 1, false}, {"1.2.0", "1.10.0", -1, true}, {"2.0.0", "1.99.0", 1, false},
-        {"1.99.0", "2.0.0", -1, false}, {"1.0.0", "1.7.0", -1, true}, {"0.7.0", "1.7.0", -1, false}};
+    const struct { const char* first; const char* second; int sign; bool compatible; } rows[] = {
+        {"1.2.9", "1.2.1", 0, true}, {"1.3.0", "1.2.9", 1, false}, {"1.2.0", "1.10.0", -1, true},
+        {"1.99.0", "2.0.0", -1, false}, {"0.7.0", "1.7.0", -1, false}};
     for (const auto& row : rows) {
         SCOPED_TRACE(std::string(row.first) + " / " + row.second);
         const uint32_t first = obx_version_from_string(row.first), second = obx_version_from_string(row.second);
