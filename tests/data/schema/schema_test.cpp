@@ -2,23 +2,27 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <functional>
-#include <regex>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "data/schema/built_in_types.h"
+#include "data/schema/schema_json.h"
+#include "fixtures/json_value.h"
 #include "fixtures/log_capture.h"
+#include "fixtures/schema_builder.h"
 #include "utils/logger.h"
 
 namespace {
 
-using obx_test::LogCapture;
+using namespace obx_test;
 using Lines = std::vector<std::string>;
 using Infos = std::vector<obx_type_field_info_t>;
+struct SchemaDeleter { void operator()(obx_schema_t* schema) const { obx_schema_destroy(schema); } };
+using SchemaPtr = std::unique_ptr<obx_schema_t, SchemaDeleter>;
+const std::string kField = "{\"field_name\": \"v\", \"description\": \"\", \"type_name\": \"int\", \"counting_mode\": \"ABSOLUTE\", \"offset\": 0, \"type_size\": 4}";
 
-// A schema on top of the built-ins, as a type system holds it.
+// A schema on top of the built-ins, as a type system holds it, and a folder of schema files.
 class SchemaTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -32,138 +36,57 @@ protected:
         for (const char* name : names) infos.push_back({name, "", field_type, OBX_COUNTING_MODE_ABSOLUTE, 1});
         return obx_schema_add_type(schema_, type_name, infos.data(), infos.size(), nullptr);
     }
+    SchemaPtr load(const std::string& path) { return SchemaPtr(obx_schema_load_file(path.c_str(), built_ins_)); }
 
-    obx_schema_t* built_ins_ = obx_schema_create("<built-in>", 1281);
+    obx_schema_t* built_ins_ = obx_schema_create("<built-in>", OBX_SCHEMA_JSON_VERSION_WORD);
     obx_schema_t* schema_ = obx_schema_create("prov", 0x10001);
+    SlashEscaping slashes_{false};  // as obx_read runs
+    SchemaFolder folder_;
 };
 
-// Packed: no alignment, no padding, offsets run in list order.
-TEST_F(SchemaTest, RegistrationLaysFieldsOutPacked) {
-    const struct { const char* name; Infos fields; std::vector<uint64_t> offsets, type_sizes; uint64_t size; } cases[] = {
-        {"sizes_1_8_2", {{"a", "d", "uint8_t", 1, 1}, {"b", "", "uint64_t", 0, 1}, {"c", "", "uint16_t", 0, 1}},
-         {0, 1, 9}, {1, 8, 2}, 11},
-        {"int_array", {{"values", "", "int", 0, 4}}, {0}, {4}, 16},
-        // A composite field takes the registered type's size as its element size.
-        {"nested", {{"head", "", "char", 0, 1}, {"pair", "", "sizes_1_8_2", 0, 2}}, {0, 1}, {1, 11}, 23},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        uint8_t index = 0xEE;
-        ASSERT_EQ(obx_schema_add_type(schema_, c.name, c.fields.data(), c.fields.size(), &index), OBX_SCHEMA_OK);
-        const obx_type_definition_t* type = schema_->types[index];
-        EXPECT_EQ(type->size, c.size);
-        ASSERT_EQ(type->num_fields, c.fields.size());
-        for (size_t i = 0; i < c.fields.size(); ++i) {
-            const obx_type_field_definition_t* field = type->fields[i];
-            EXPECT_EQ(field->offset, c.offsets[i]);
-            EXPECT_EQ(field->type_size, c.type_sizes[i]);
-            EXPECT_EQ(field->array_length, c.fields[i].array_length);
-            EXPECT_EQ(field->type, obx_schema_find_type(schema_, c.fields[i].type_name));
-        }
-    }
+// Ids are stored in data files: a reordering of the table must fail here.
+TEST_F(SchemaTest, BuiltInTypesHaveTheirStableIdsNamesAndSizes) {
+    std::string rows;  // id name size, in registration order
+    for (int i = 0; i < built_ins_->num_types; ++i)
+        rows += std::to_string(built_ins_->types[i]->id) + " " + built_ins_->types[i]->name + " " + std::to_string(built_ins_->types[i]->size) + ",";
+    EXPECT_EQ(rows, "1 bool 1,2 char 1,3 short 2,4 int 4,5 long 8,6 long long 8,7 unsigned char 1,8 unsigned short 2,9 unsigned int 4,10 unsigned long 8,11 unsigned long long 8,12 float 4,13 double 8,14 int8_t 1,15 int16_t 2,16 int32_t 4,17 int64_t 8,18 uint8_t 1,19 uint16_t 2,20 uint32_t 4,21 uint64_t 8,22 timestamp 8,");
 }
 
-TEST_F(SchemaTest, RegistrationRefusalsLogOneLineAndLeaveTheSchemaAsItWas) {
+TEST_F(SchemaTest, RegistrationRefusalsInCheckOrderLeaveTheSchemaAsItWas) {
     ASSERT_EQ(add("taken", {"a"}), OBX_SCHEMA_OK);
-    obx_schema_t* unnamed = obx_schema_create(nullptr, 0);
-    unnamed->base_schema = built_ins_;
-    const obx_type_field_info_t f = {"f", "", "int", 0, 1}, a = {"a", "", "int", 0, 1}, b = {"b", "", "int", 0, 1},
-                                g = {"g", "", "later", 0, 1};
-    const std::string dup = "[obx_schema_add_type] Failed to register new type 't': field name '";
+    const obx_type_field_info_t f = {"f", "", "int", 0, 1}, a = {"a", "", "int", 0, 1}, b = {"b", "", "int", 0, 1}, g = {"g", "", "later", 0, 1};
+    const std::string dup = "[obx_schema_add_type] Failed to register new type '";
     const struct { obx_schema_t* schema; const char* type_name; Infos fields; int code; std::string error; } cases[] = {
-        {schema_, "t", {f, g}, 3, "Unable to register type 't': type 'later' of the field 'g' is undefined"},
-        {schema_, "taken", {f}, 2, "Schema 'prov' already contains type 'taken'"},
-        {unnamed, "uint64_t", {f}, 2, "Schema '<undefined>' already contains type 'uint64_t'"},
-        // Field i is compared with those before it for i up to count-2: the last one never is.
-        {schema_, "t", {a, a, f}, 2, dup + "a' occurs more than once."},
-        {schema_, "t", {a, b, f, b, f}, 2, dup + "b' occurs more than once."},
-        {schema_, "t", {}, 3, "[obx_schema_add_type] Unable to register type 't': a type needs at least one field"},
         {nullptr, "t", {f}, 3, "[obx_schema_add_type] Missing schema or type name"},
+        {schema_, "t", {}, 3, "[obx_schema_add_type] Unable to register type 't': a type needs at least one field"},
+        {schema_, "taken", {g}, 2, "Schema 'prov' already contains type 'taken'"},
+        {schema_, "uint64_t", {f}, 2, "Schema 'prov' already contains type 'uint64_t'"},  // the base schema's names too
+        {schema_, "t", {a, a, g}, 3, "Unable to register type 't': type 'later' of the field 'g' is undefined"},
+        // Field i is compared with those before it for i up to count-2: the last one never is.
+        {schema_, "t", {a, a, f}, 2, dup + "t': field name 'a' occurs more than once."},
+        {schema_, "t", {a, b, f, b, f}, 2, dup + "t': field name 'b' occurs more than once."},
     };
     for (const auto& c : cases) {
         LogCapture log;
         uint8_t index = 0x77;
         EXPECT_EQ(obx_schema_add_type(c.schema, c.type_name, c.fields.data(), c.fields.size(), &index), c.code) << c.error;
         EXPECT_EQ(index, 0x77);
-        EXPECT_EQ(schema_->num_types + unnamed->num_types, 1);
+        EXPECT_EQ(schema_->num_types, 1);
         EXPECT_EQ(log.at(OBX_LOG_ERROR), Lines{c.error});
     }
-    obx_schema_destroy(unnamed);
     EXPECT_EQ(add("aba", {"a", "b", "a"}), OBX_SCHEMA_OK);  // a repeat as the last field is accepted
-}
-
-TEST_F(SchemaTest, TheTypesArrayStopsAt254) {
-    for (int i = 0; i < OBX_MAX_TYPES; ++i) ASSERT_EQ(add(("t" + std::to_string(i)).c_str(), {"v"}), OBX_SCHEMA_OK);
+    for (int i = 2; i < OBX_MAX_TYPES; ++i) ASSERT_EQ(add(("t" + std::to_string(i)).c_str(), {"v"}), OBX_SCHEMA_OK);
     LogCapture log;
-    EXPECT_EQ(add("one_more", {"v"}), OBX_SCHEMA_MAX_TYPES_REACHED);
-    EXPECT_EQ(add("t0", {"v"}), OBX_SCHEMA_MAX_TYPES_REACHED);  // the limit is reported before the taken name
-    EXPECT_EQ(log.at(OBX_LOG_ERROR), Lines(2, "[obx_schema_add_type] Unable to add new type, reached OBX_MAX_TYPES. "
-                                              "schema->num_types = 254"));
+    EXPECT_EQ(add("taken", {"v"}), OBX_SCHEMA_MAX_TYPES_REACHED);  // the limit is reported before the taken name
+    EXPECT_EQ(log.at(OBX_LOG_ERROR), Lines{"[obx_schema_add_type] Unable to add new type, reached OBX_MAX_TYPES. schema->num_types = 254"});
 }
 
+// A type read from a file may carry a built-in's name; it wins within its own schema.
 TEST_F(SchemaTest, LookupWalksTheBaseChainAndOwnTypesWin) {
-    // A type read from a file may carry a built-in's name; registration cannot make one.
-    obx_type_definition_t* own = obx_type_definition_create("uint64_t");
-    own->size = 3;
-    schema_->types[schema_->num_types++] = own;
-    ASSERT_EQ(add("later", {"x"}), OBX_SCHEMA_OK);
-    const struct { const obx_schema_t* schema; const char* name; const obx_type_definition_t* expected; } cases[] = {
-        {schema_, "uint64_t", own},             {built_ins_, "uint64_t", built_ins_->types[20]},
-        {schema_, "int", built_ins_->types[3]}, {schema_, "later", schema_->types[1]},
-        {built_ins_, "later", nullptr},         {schema_, "INT", nullptr},
-    };
-    for (const auto& c : cases) EXPECT_EQ(obx_schema_find_type(c.schema, c.name), c.expected) << c.name;
-    // A type registered now takes the schema's own definition of the name.
-    ASSERT_EQ(add("user", {"v"}, "uint64_t"), OBX_SCHEMA_OK);
-    EXPECT_EQ(obx_schema_get_type_size(schema_, "user"), 3u);
-}
-
-TEST_F(SchemaTest, FieldIndexesFollowTheOrderOfTheNamesOrNameTheCauseOfARefusal) {
-    ASSERT_EQ(add("rec", {"a", "b", "c"}), OBX_SCHEMA_OK);
-    const obx_type_definition_t* rec = schema_->types[0];
-    const struct { std::vector<const char*> names; std::vector<int> expected; Lines indexed; size_t assigned; } cases[] = {
-        {{"c", "a"}, {2, 0, 1}, {"a", "c"}, 2},
-        {{"b", "nosuch"}, {0, 1, 0}, {"b"}, 1},
-        {{"a", "a"}, {2, 0, 0}, {"a"}, 2},  // a name given twice keeps the later number
-        {{nullptr}, {0, 0, 0}, {}, 0},      // no names clear all
-    };
-    for (const auto& c : cases) {
-        LogCapture log;
-        const size_t count = c.names[0] ? c.names.size() : 0;
-        EXPECT_EQ(obx_schema_set_field_indexes(schema_, 0, c.names.data(), count), OBX_SCHEMA_OK);
-        EXPECT_EQ((std::vector<int>{rec->fields[0]->index, rec->fields[1]->index, rec->fields[2]->index}), c.expected);
-        EXPECT_EQ(log.has("Mismatch in assigned indices: expected " + std::to_string(count) + ", but assigned " +
-                          std::to_string(c.assigned) + " (rec)."), count != c.assigned) << log.all();
-        size_t got_count = 99;
-        const char** got = obx_schema_get_indexed_field_names(schema_, 0, &got_count);
-        EXPECT_EQ(Lines(got, got + got_count), c.indexed);
-        std::free(got);
-    }
-    obx_schema_t* holed = obx_schema_create("holed", 0);
-    holed->num_types = 1;  // a slot counted but empty
-    const char* names[] = {"a"};
-    size_t count = 5;
-    const std::string set = "[obx_schema_set_field_indexes] ", get = "[src/data/schema N] ";  // N: the source line
-    const struct { std::function<bool()> call; std::string error; } refusals[] = {  // call: true on success
-        {[&] { return !obx_schema_set_field_indexes(nullptr, 0, names, 1); }, set + "Schema pointer is NULL!"},
-        {[&] { return !obx_schema_set_field_indexes(schema_, 0, nullptr, 1); }, set + "Index names array is NULL!"},
-        {[&] { return !obx_schema_set_field_indexes(schema_, 1, names, 1); },
-         set + "Invalid type_index: 1 (out of range, max: 0)"},
-        {[&] { return !!obx_schema_get_indexed_field_names(schema_, 0, nullptr); }, get + "out_count is NULL"},
-        {[&] { return !!obx_schema_get_indexed_field_names(nullptr, 0, &count); }, get + "schema is NULL"},
-        {[&] { return !!obx_schema_get_indexed_field_names(schema_, 1, &count); },
-         get + "type_index 1 out of bounds (max: 0)"},
-        {[&] { return !!obx_schema_get_indexed_field_names(holed, 0, &count); }, get + "schema->types[0] is NULL"},
-    };
-    for (const auto& c : refusals) {
-        LogCapture log;
-        EXPECT_FALSE(c.call());
-        Lines errors = log.at(OBX_LOG_ERROR);
-        for (auto& line : errors) line = std::regex_replace(line, std::regex("^(\\[src/data/schema) \\d+\\]"), "$1 N]");
-        EXPECT_EQ(errors, Lines{c.error});
-    }
-    EXPECT_EQ(count, 0u);
-    obx_schema_destroy(holed);
+    obx_type_definition_t* own = schema_->types[schema_->num_types++] = obx_type_definition_create("uint64_t");
+    EXPECT_EQ(obx_schema_find_type(schema_, "uint64_t"), own);
+    EXPECT_EQ(obx_schema_find_type(built_ins_, "uint64_t"), built_ins_->types[20]);
+    EXPECT_EQ(obx_schema_find_type(schema_, "INT"), nullptr);
 }
 
 // The renderers read records through offsets and sizes without checks of their own.
@@ -195,6 +118,83 @@ TEST_F(SchemaTest, LayoutCheckRefusesFieldsOutsideTheirRecordAndTypesThatContain
     LogCapture log;
     EXPECT_FALSE(obx_schema_validate_layout(schema_));
     EXPECT_EQ(log.at(OBX_LOG_ERROR).at(0), "Type 'rec' contains itself through field 'y' of type 'b'");
+}
+
+TEST_F(SchemaTest, EncodeDecodeEncodeGivesTheSameTextAndTheFileNameIsItsMd5) {
+    EventSchemaDoc doc("net/provider", "2.7.300");
+    FieldDoc key("k", "int");
+    key.index = 1;
+    // "outer" names a type that stands later in the file.
+    doc.type("outer", {{"time", "timestamp"}, {"name", "char", 16}, {"pair", "inner", 2}, {"load", "double"}})
+        .type("inner", {{"lo", "uint16_t"}, {"hi", "uint16_t"}})
+        .type(TypeDoc{"indexed", {key}, std::nullopt});
+    const SchemaId id = folder_.add(doc);
+    const std::string bytes = read_file_bytes(folder_.file_of(id));
+    EXPECT_NE(bytes.find("\"net/provider\""), std::string::npos);  // slashes stand plain
+    LogCapture log;
+    SchemaPtr schema = load(folder_.file_of(id));
+    ASSERT_NE(schema, nullptr) << log.all();
+    ASSERT_EQ(schema->num_types, 3);
+    EXPECT_EQ(std::string(schema->md5_digest_str), SchemaFolder::hex(id));
+    EXPECT_EQ(schema->types[0]->fields[2]->type, schema->types[1]);
+    JsonPtr again(obx_schema_to_json(schema.get()));  // name, version, sizes, offsets and indexes all come back
+    EXPECT_EQ(schema_pretty_text(again.get()), bytes);
+}
+
+// array_length and index are 32-bit values kept in 16 bits; 0 or absent length is 1.
+// An unknown counting mode is no reason to refuse, but it has no JSON form.
+TEST_F(SchemaTest, FieldDecodingOfNumbersAndCountingModes) {
+    const struct { const char* patch; uint16_t array_length, index; int mode; } cases[] = {
+        {"{\"array_length\": 0}", 1, 0, OBX_COUNTING_MODE_ABSOLUTE},
+        {"{\"array_length\": 65537, \"index\": 65538}", 1, 2, OBX_COUNTING_MODE_ABSOLUTE},
+        {"{\"array_length\": -1}", 65535, 0, OBX_COUNTING_MODE_ABSOLUTE},
+        {"{\"array_length\": \"4\"}", 1, 0, OBX_COUNTING_MODE_ABSOLUTE},
+        {"{\"index\": \"3\"}", 1, 0, OBX_COUNTING_MODE_ABSOLUTE},  // fails the first template, passes the second
+        {"{\"counting_mode\": \"ABSOLUTE_MONOTONIC\"}", 1, 0, OBX_COUNTING_MODE_RUNNING_SUM},
+        {"{\"counting_mode\": \"absolute\"}", 1, 0, OBX_COUNTING_MODE_UNKNOWN},
+    };
+    for (const auto& c : cases) {
+        LogCapture log;
+        JsonPtr value = json_parse(kField);
+        json_object_update(value.get(), json_parse(c.patch).get());  // the patch's keys replace those
+        obx_type_field_definition_t* field = obx_field_from_json(value.get());
+        ASSERT_NE(field, nullptr) << c.patch << log.all();
+        EXPECT_EQ(std::vector<int>({field->array_length, field->index, field->counting_mode}), std::vector<int>({c.array_length, c.index, c.mode})) << c.patch;
+        EXPECT_TRUE(log.lines().empty()) << log.all();
+        EXPECT_EQ(JsonPtr(obx_field_to_json(field)) == nullptr, c.mode == OBX_COUNTING_MODE_UNKNOWN);
+        obx_type_field_definition_destroy(field);
+    }
+}
+
+// Each document as a schema file: loaded, or refused with the line given (the version
+// gate: same major, minor up to 5, the patch not looked at, two parts are enough).
+TEST_F(SchemaTest, SchemaFilesLoadedOrRefusedWithTheirCause) {
+    const auto doc = [](const std::string& version, const std::string& types) { return "{\"obx_version\": \"" + version + "\", \"provider_name\": \"p\", \"provider_version\": \"1.0.0\", \"types\": [" + types + "]}"; };
+    const auto type = [](const std::string& size, const std::string& fields) { return "{\"name\": \"t\", \"size\": " + size + ", \"fields\": [" + fields + "]}"; };
+    const std::string t = type("4", kField), incompatible = " is incompatible with current version 1.5.0";
+    std::string many = t;  // the types array has a fixed size: a longer file is refused before anything is built
+    for (int i = 0; i < OBX_MAX_TYPES; ++i) many += "," + t;
+    const struct { std::string text, error; } cases[] = {  // no error: loaded
+        {doc("1.5.9", t), ""}, {doc("1.0.0", t), ""}, {doc("1.5", t), ""},
+        {doc("1.6.0", t), "Schema version 1.6.0" + incompatible}, {doc("0.5.0", t), "Schema version 0.5.0" + incompatible},
+        {doc("2.0.0", t), "Schema version 2.0.0" + incompatible}, {doc("1", t), "Schema version 1" + incompatible},
+        {"{\"provider_name\": \"p\", \"types\": []}", "Not an event schema"},  // logged as information only
+        {doc("1.5.0", t + "," + type("0", kField)), "Failed to deserialize type #1 from JSON array"},  // size 0 has no line of its own
+        {doc("1.5.0", type("\"4\"", kField)), "Type definition JSON does not match schema '{\"name\" : \"\", \"size\" : 0, \"fields\" : []}'"},
+        {doc("1.5.0", type("4", "3")), "Field definition JSON does not match schema with or without 'index'."},
+        {doc("1.5.0", many), "Schema 'p' has 255 types, more than the limit of 254"},
+        {doc("1.5.0", type("4", "{\"field_name\": \"v\", \"description\": \"\", \"type_name\": \"nosuch\", \"counting_mode\": \"ABSOLUTE\", \"offset\": 0, \"type_size\": 4}")),
+         "Definition of type nosuch not found within the schema p"},
+    };
+    for (const auto& c : cases) {
+        LogCapture log;
+        EXPECT_EQ(load(folder_.file_of(folder_.add_text(c.text))) != nullptr, c.error.empty()) << c.error;
+        EXPECT_TRUE(c.error.empty() ? log.at(OBX_LOG_ERROR).empty() : log.has(c.error)) << log.all();
+    }
+    // The position wins over a stated "type_index".
+    SchemaPtr read = load(folder_.file_of(folder_.add_text(doc("1.5.0", "{\"name\": \"a\", \"size\": 4, \"type_index\": 1, \"fields\": [" + kField + "]}," + type("4", kField)))));
+    ASSERT_NE(read, nullptr);
+    EXPECT_STREQ(read->types[0]->name, "a");
 }
 
 }  // namespace
