@@ -15,21 +15,10 @@
 #include "metrics/cntx_parser.h"
 #include "metrics/metrics_output.h"
 #include "utils/logger.h"
-
-namespace {
-
-void format_and_drop(uint32_t, const char* format, ...) {
-    char line[512];
-    va_list args;
-    va_start(args, format);
-    std::vsnprintf(line, sizeof(line), format, args);
-    va_end(args);
-}
-
-}  // namespace
+#include "fuzz_support.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    obx_log_set_callback(format_and_drop, size % 2 ? OBX_LOG_DEBUG : OBX_LOG_WARNING);
+    obx_log_set_callback(obx_fuzz::discard_log, size % 2 ? OBX_LOG_DEBUG : OBX_LOG_WARNING);
 
     const uint8_t* end = data ? data + size : data;
     const uint64_t total_size = ObxMetricsParser::get_total_size(data, end);

@@ -19,6 +19,7 @@
 #include "data/type_system.h"
 #include "tools/read_options.h"
 #include "utils/logger.h"
+#include "fuzz_support.h"
 
 namespace {
 
@@ -54,15 +55,6 @@ const char kHostile[] = R"({
     ]
 })";
 
-void discard_log(uint32_t, const char* format, ...)
-{
-    char text[512];
-    va_list args;
-    va_start(args, format);
-    std::vsnprintf(text, sizeof(text), format, args);
-    va_end(args);
-}
-
 struct Setup {
     obx_read_options_t options;
     obx_reader_context_t* context;
@@ -70,7 +62,7 @@ struct Setup {
     obx_counters_schema_t* hostile;
 
     Setup() {
-        obx_log_set_callback(discard_log, OBX_LOG_DEBUG);
+        obx_log_set_callback(obx_fuzz::discard_log, OBX_LOG_DEBUG);
         std::memset(&options, 0, sizeof(options));
         if (!obx_read_options_init(&options)) abort();
         obx_string_array_append(&options.include_counters, "*");

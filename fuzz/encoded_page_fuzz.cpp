@@ -10,20 +10,12 @@
 #include "data/data_file_format.h"
 #include "data/encoded_payload.h"
 #include "utils/logger.h"
+#include "fuzz_support.h"
 
 namespace {
 
 // Pages above this are not decoded here: the size alone is what is being tested.
 constexpr size_t kMaxDecodedSize = 64u * 1024u * 1024u;
-
-// Formats every message, so the log arguments are exercised, and drops it.
-void discard_log(uint32_t, const char* format, ...) {
-    char text[512];
-    va_list args;
-    va_start(args, format);
-    std::vsnprintf(text, sizeof(text), format, args);
-    va_end(args);
-}
 
 void decode_encoded(const uint8_t* header, size_t available) {
     obx_encoded_header_t fields;
@@ -43,7 +35,7 @@ void decode_encoded(const uint8_t* header, size_t available) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static bool quiet = [] {
-        obx_log_set_callback(discard_log, OBX_LOG_DEBUG);
+        obx_log_set_callback(obx_fuzz::discard_log, OBX_LOG_DEBUG);
         return true;
     }();
     (void)quiet;

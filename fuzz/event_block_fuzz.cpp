@@ -18,6 +18,7 @@
 #include "serializers/event_text_writer.h"
 #include "tools/read_options.h"
 #include "utils/logger.h"
+#include "fuzz_support.h"
 
 namespace {
 
@@ -58,16 +59,6 @@ const char kSchema[] = R"({
     ]
 })";
 
-// Formats every message, so the log arguments are exercised, and drops it.
-void discard_log(uint32_t, const char* format, ...)
-{
-    char text[512];
-    va_list args;
-    va_start(args, format);
-    std::vsnprintf(text, sizeof(text), format, args);
-    va_end(args);
-}
-
 struct Setup {
     obx_read_options_t options;
     obx_reader_context_t* context;
@@ -86,7 +77,7 @@ struct Setup {
         if (!context) abort();
         context->options = &options;
         context->path = "fuzz.bin";
-        obx_log_set_callback(discard_log, OBX_LOG_DEBUG);
+        obx_log_set_callback(obx_fuzz::discard_log, OBX_LOG_DEBUG);
     }
     ~Setup() {
         obx_reader_close(context);

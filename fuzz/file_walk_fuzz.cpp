@@ -14,17 +14,9 @@
 #include "data/reader_context.h"
 #include "tools/read_options.h"
 #include "utils/logger.h"
+#include "fuzz_support.h"
 
 namespace {
-
-// Formats every message, so the log arguments are exercised, and drops it.
-void discard_log(uint32_t, const char* format, ...) {
-    char text[512];
-    va_list args;
-    va_start(args, format);
-    std::vsnprintf(text, sizeof(text), format, args);
-    va_end(args);
-}
 
 struct Setup {
     std::string folder;
@@ -41,7 +33,7 @@ struct Setup {
         obx_string_array_append(&options.include_counters, "*");
         free(options.schema_path);
         options.schema_path = strdup(folder.c_str());  // holds no schema files
-        obx_log_set_callback(discard_log, OBX_LOG_DEBUG);
+        obx_log_set_callback(obx_fuzz::discard_log, OBX_LOG_DEBUG);
     }
     ~Setup() {
         unlink(input.c_str());

@@ -12,17 +12,9 @@
 #include "data/schema/schema_json.h"
 #include "utils/json.h"
 #include "utils/logger.h"
+#include "fuzz_support.h"
 
 namespace {
-
-// Every message is still formatted (a bad argument would show there) but not printed.
-void discard_log(uint32_t, const char* format, ...) {
-    char line[512];
-    va_list args;
-    va_start(args, format);
-    std::vsnprintf(line, sizeof line, format, args);
-    va_end(args);
-}
 
 void exercise_schema(obx_schema_t* schema, const obx_schema_t* built_ins) {
     schema->base_schema = built_ins;
@@ -46,7 +38,7 @@ void exercise_schema(obx_schema_t* schema, const obx_schema_t* built_ins) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    obx_log_set_callback(discard_log, OBX_LOG_DEBUG);
+    obx_log_set_callback(obx_fuzz::discard_log, OBX_LOG_DEBUG);
 
     // The id reader takes NUL-terminated text.
     std::string text(reinterpret_cast<const char*>(data), size);

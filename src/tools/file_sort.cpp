@@ -17,23 +17,23 @@ const obx_name_table_t obx_sort_key_names[] = {
     {0, nullptr},
 };
 
-void obx_sort_spec_set_default(obx_sort_spec_t* spec)
+void obx_sort_spec_set_default(obx_sort_spec_t* order)
 {
-    spec->keys[0] = OBX_SORT_KEY_FIRST_TIMESTAMP;
-    spec->keys[1] = OBX_SORT_KEY_SOURCE_ID;
-    spec->keys[2] = OBX_SORT_KEY_SOURCE_TAG;
-    spec->num_keys = 3;
+    order->keys[0] = OBX_SORT_KEY_FIRST_TIMESTAMP;
+    order->keys[1] = OBX_SORT_KEY_SOURCE_ID;
+    order->keys[2] = OBX_SORT_KEY_SOURCE_TAG;
+    order->num_keys = 3;
 }
 
-bool obx_sort_spec_parse(const char* text, obx_sort_spec_t* spec)
+bool obx_sort_spec_parse(const char* text, obx_sort_spec_t* order)
 {
-    if (!text || !spec) return false;
+    if (!text || !order) return false;
     std::vector<std::string> tokens;
     boost::algorithm::split(tokens, std::string(text), boost::algorithm::is_any_of(","));
     for (std::string& token : tokens) boost::algorithm::trim(token);
     tokens.erase(std::remove(tokens.begin(), tokens.end(), std::string()), tokens.end());
 
-    spec->num_keys = 0;
+    order->num_keys = 0;
     if (tokens.empty()) return false;
     for (const std::string& token : tokens) {
         const int32_t key = obx_enum_from_string(obx_sort_key_names, token.c_str());
@@ -41,27 +41,27 @@ bool obx_sort_spec_parse(const char* text, obx_sort_spec_t* spec)
             OBX_LOG_ERR("[sort] Unknown sort key: '%s'", token.c_str());
             return false;
         }
-        spec->keys[spec->num_keys++] = static_cast<uint32_t>(key);
-        if (spec->num_keys == OBX_SORT_MAX_KEYS) break;
+        order->keys[order->num_keys++] = static_cast<uint32_t>(key);
+        if (order->num_keys == OBX_SORT_MAX_KEYS) break;
     }
     return true;
 }
 
-void obx_sort_spec_choose(const char* text, obx_sort_spec_t* spec)
+void obx_sort_spec_choose(const char* text, obx_sort_spec_t* order)
 {
     if (!text || text[0] == '\0') {
         OBX_LOG_INF("Sort order not specified. Using default.");
-        obx_sort_spec_set_default(spec);
-    } else if (!obx_sort_spec_parse(text, spec)) {
+        obx_sort_spec_set_default(order);
+    } else if (!obx_sort_spec_parse(text, order)) {
         OBX_LOG_WARN("Invalid sort order string '%s'. Using default.", text);
-        obx_sort_spec_set_default(spec);
+        obx_sort_spec_set_default(order);
     }
 }
 
-bool obx_file_entry_before(const obx_file_entry_t& a, const obx_file_entry_t& b, const obx_sort_spec_t& spec)
+bool obx_file_entry_before(const obx_file_entry_t& a, const obx_file_entry_t& b, const obx_sort_spec_t& order)
 {
-    for (uint32_t i = 0; i < spec.num_keys && i < OBX_SORT_MAX_KEYS; ++i) {
-        switch (spec.keys[i]) {
+    for (uint32_t i = 0; i < order.num_keys && i < OBX_SORT_MAX_KEYS; ++i) {
+        switch (order.keys[i]) {
             case OBX_SORT_KEY_SOURCE_ID: {
                 const int order = std::strcmp(a.source_id, b.source_id);
                 if (order != 0) return order < 0;
@@ -90,12 +90,12 @@ static void log_entries(const char* label, const std::vector<obx_file_entry_t>& 
                     entry.source_id, entry.source_tag, static_cast<unsigned long>(entry.first_timestamp));
 }
 
-void obx_file_entries_sort(obx_file_entry_t* entries, size_t count, const obx_sort_spec_t* spec)
+void obx_file_entries_sort(obx_file_entry_t* entries, size_t count, const obx_sort_spec_t* order)
 {
     std::vector<obx_file_entry_t> sorted(entries, entries + count);
     log_entries("before sort:", sorted);
     std::sort(sorted.begin(), sorted.end(),
-              [spec](const obx_file_entry_t& a, const obx_file_entry_t& b) { return obx_file_entry_before(a, b, *spec); });
+              [order](const obx_file_entry_t& a, const obx_file_entry_t& b) { return obx_file_entry_before(a, b, *order); });
     std::copy(sorted.begin(), sorted.end(), entries);
     log_entries("after sort: ", sorted);
 }

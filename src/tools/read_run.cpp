@@ -52,9 +52,9 @@ static bool run_sorted(obx_read_options_t* options, int* failed)
         }
     }
 
-    obx_sort_spec_t spec;
-    obx_sort_spec_choose(options->sort_order, &spec);
-    obx_file_entries_sort(entries, count, &spec);
+    obx_sort_spec_t order;
+    obx_sort_spec_choose(options->sort_order, &order);
+    obx_file_entries_sort(entries, count, &order);
 
     for (size_t i = 0; i < count; ++i) {
         if (!obx_reader_process_file(entries[i].path, options, i == 0)) ++*failed;
