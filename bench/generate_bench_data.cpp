@@ -168,7 +168,7 @@ uint64_t write_events_file(const std::string& path, uint64_t target_bytes, const
 uint64_t write_counters_file(const std::string& path, uint64_t target_bytes, const obx_counters_schema_t* schema,
                              const uint8_t* counters_id)
 {
-    if (OBX_COUNTERS_BLOCK_HEAD_SIZE + obx_counters_schema_values_extent(schema) > kCountersChunkSize)
+    if (OBX_COUNTERS_BLOCK_HEAD_SIZE + schema->size_of_counters > kCountersChunkSize)
         fail("the counters do not fit a chunk");
     const uint64_t chunks = (target_bytes + kCountersChunkSize - 1) / kCountersChunkSize;
     FileWriter out(path);

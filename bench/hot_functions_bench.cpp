@@ -53,7 +53,7 @@ struct Counters {
         schema = obx_counters_schema_from_json(document);
         json_decref(document);
         if (!schema) std::abort();
-        block.assign(16 + obx_counters_schema_values_extent(schema), 0);
+        block.assign(16 + schema->size_of_counters, 0);
         obx_block_magic_set(block.data(), 0);
         obx_put_u64(block.data() + 8, 1700000000000000ull);
         obx_bench::Random random;

@@ -26,7 +26,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         json_decref(value);
         obx_counters_schema_total_values(schema);
         obx_counters_schema_number_of_counters(schema);
-        obx_counters_schema_values_extent(schema);
         obx_counters_schema_destroy(schema);
     }
     return 0;

@@ -326,25 +326,3 @@ obx_counter_info_t* obx_counters_schema_find_counter(const obx_counters_schema_t
     }
     return nullptr;
 }
-
-uint64_t obx_counters_schema_values_extent(const obx_counters_schema_t* schema)
-{
-    if (!schema)
-        return 0;
-    uint64_t extent = 0;
-    for (uint32_t g = 0; g < schema->num_groups; ++g) {
-        const obx_counter_group_t* group = schema->groups[g];
-        if (!group)
-            continue;
-        for (uint32_t c = 0; c < group->num_counters; ++c) {
-            const obx_counter_info_t* counter = group->counters[c];
-            if (!counter)
-                continue;
-            const uint64_t end =
-                static_cast<uint64_t>(counter->offset) + obx_counter_data_type_size(counter->data_type, counter->length);
-            if (end > extent)
-                extent = end;
-        }
-    }
-    return extent;
-}

@@ -48,7 +48,3 @@ uint32_t obx_counters_schema_number_of_counters(const obx_counters_schema_t* sch
 uint64_t obx_counters_schema_total_values(const obx_counters_schema_t* schema);
 // First counter of that exact name, groups and counters in order; nullptr if none.
 obx_counter_info_t* obx_counters_schema_find_counter(const obx_counters_schema_t* schema, const char* name);
-// Bytes of values a block must hold so that every counter can be read at its offset:
-// the largest offset + value size. Counter offsets may come from a file and the layout
-// rule differs from size_of_counters, so renderers check block lengths against this.
-uint64_t obx_counters_schema_values_extent(const obx_counters_schema_t* schema);
