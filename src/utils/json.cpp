@@ -45,9 +45,9 @@ constexpr char kHexLower[] = "0123456789abcdef";
 // The six JSON kinds; Jansson splits number and boolean in two each.
 enum class Kind { Null, String, Number, Object, Array, Boolean, None };
 
-Kind kind_of_type(json_type type)
+Kind kind_of(const json_t* value)
 {
-    switch (type) {
+    switch (json_typeof(value)) {
     case JSON_NULL: return Kind::Null;
     case JSON_STRING: return Kind::String;
     case JSON_INTEGER:
@@ -59,8 +59,6 @@ Kind kind_of_type(json_type type)
     }
     return Kind::None;
 }
-
-Kind kind_of(const json_t* value) { return kind_of_type(json_typeof(value)); }
 
 void append_indent(std::string& out, int depth)
 {
@@ -401,22 +399,6 @@ json_t* obx_json_object_get_array(const json_t* object, const char* key)
     json_t* member = json_object_get(object, key);
     return json_is_array(member) ? member : nullptr;
 }
-
-json_t* obx_json_object_get_object(const json_t* object, const char* key)
-{
-    if (!json_is_object(object) || !key) return nullptr;
-    json_t* member = json_object_get(object, key);
-    return json_is_object(member) ? member : nullptr;
-}
-
-bool obx_json_object_has_value_of_type(const json_t* object, const char* key, json_type type)
-{
-    if (!json_is_object(object) || !key) return false;
-    const json_t* member = json_object_get(object, key);
-    return member && kind_of(member) == kind_of_type(type);
-}
-
-double obx_json_number_value(const json_t* value) { return json_number_value(value); }
 
 bool obx_json_md5(unsigned char digest[16], const json_t* value)
 {

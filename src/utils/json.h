@@ -50,14 +50,10 @@ bool obx_json_object_dotset_value(json_t* object, const char* dotted_name, json_
 bool obx_json_object_dotset_string(json_t* object, const char* dotted_name, const char* text);
 
 // Getters in the manner of the schema readers: a missing key or a key of another type
-// gives nullptr, or 0 for numbers. Types compare as JSON kinds: JSON_INTEGER and
-// JSON_REAL both mean number, JSON_TRUE and JSON_FALSE both mean boolean.
+// gives nullptr, or 0 for numbers.
 const char* obx_json_object_get_string(const json_t* object, const char* key);
 double obx_json_object_get_number(const json_t* object, const char* key);
 json_t* obx_json_object_get_array(const json_t* object, const char* key);
-json_t* obx_json_object_get_object(const json_t* object, const char* key);
-bool obx_json_object_has_value_of_type(const json_t* object, const char* key, json_type type);
-double obx_json_number_value(const json_t* value);
 
 // MD5 of the value's pretty text, without a terminating zero: the schema id.
 bool obx_json_md5(unsigned char digest[16], const json_t* value);

@@ -215,8 +215,6 @@ bool obx_logger_state_import(const obx_logger_state_t* state) {
     return true;
 }
 
-bool obx_logger_is_registered(void) { return g_registered; }
-
 bool obx_logger_has_mutex(void) { return g_mutex != nullptr; }
 
 void obx_log_hexdump(const void* data, size_t size) {

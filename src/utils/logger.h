@@ -47,7 +47,6 @@ void obx_log_set_callback(obx_log_callback_t callback, uint32_t level);
 obx_log_callback_t obx_log_get_callback(void);
 obx_logger_state_t* obx_logger_state_export(void);
 bool obx_logger_state_import(const obx_logger_state_t* state);
-bool obx_logger_is_registered(void);
 bool obx_logger_has_mutex(void);
 void obx_log_hexdump(const void* data, size_t size);
 
