@@ -1,7 +1,7 @@
-// The dispatch of buffers by their first block: the output of each format, schemas blocks,
-// event counts, buffer ends and unknown blocks. Buffers are handed over in allocations of
-// exactly their size. The type filter, -p and the time window are run through obx_read in
-// tests/tools/export_test.cpp.
+// The type system loaded for a file, and the dispatch of buffers by their first block: the
+// output of each format, schemas blocks, event counts, buffer ends and unknown blocks. Buffers
+// are handed over in allocations of exactly their size. The type filter, -p and the time
+// window are run through obx_read in tests/tools/export_test.cpp.
 #include "data/block_dispatch.h"
 
 #include <gtest/gtest.h>
@@ -13,10 +13,10 @@
 #include "data/reader_context.h"
 #include "data/reader_type_system.h"
 #include "data/type_system.h"
-#include "fixtures/counters_schema_builder.h"
 #include "fixtures/data_file_builder.h"
 #include "fixtures/log_capture.h"
 #include "fixtures/schema_builder.h"
+#include "fixtures/schema_objects.h"
 #include "serializers/counters_text_writer.h"
 #include "serializers/event_text_writer.h"
 #include "tools/read_options.h"
@@ -33,58 +33,57 @@ const auto CSV = OBX_OUTPUT_FORMAT_CSV, INFLUX = OBX_OUTPUT_FORMAT_INFLUX, BIN =
 
 Bytes inner(uint16_t lo, uint8_t hi) { return ByteWriter().u16(lo).u8(hi).take(); }
 std::string report(const std::string& text) { return "Failed processing file /data/test.bin: " + text + "\n"; }
+std::string sample(const std::string& provider) { return EventSchemaDoc(provider).type("sample", {{"a", "uint8_t"}, {"b", "uint64_t"}}).pretty(); }
+// "<provider of each schema, in position order>; <size of counters, or none>".
+std::string summary(const obx_type_system_t* system) {
+    std::string out;
+    for (unsigned i = 0; i < system->num_schemas; ++i) out += std::string(i ? " " : "") + system->schemas[i]->name;
+    return out + "; " + (system->counters_schema ? std::to_string(system->counters_schema->size_of_counters) : "none");
+}
 
 // One buffer through the dispatch: whether it succeeds, what it prints ('*' at the end: the
 // start of the output), one line it logs (any when empty), what it reports and the records
 // it counts (unchecked when negative).
-struct Case {
-    const char* name; Bytes buffer; bool ok; std::string out, log;
-    obx_output_format_t format = NDJSON; std::string err = ""; int records = -1; bool in_compressed = false;
-};
+struct Case { const char* name; Bytes buffer; bool ok; std::string out, log; obx_output_format_t format = NDJSON; std::string err = ""; int records = -1; bool in_compressed = false; };
 
 class DispatchTest : public testing::Test {
 protected:
-    void SetUp() override
-    {
+    void SetUp() override {
         ASSERT_TRUE(obx_read_options_init(&options_));
-        free(options_.schema_path);
-        options_.schema_path = strdup(folder_.path().c_str());
+        free(options_.schema_path), options_.schema_path = strdup(folder_.path().c_str());
         ASSERT_TRUE(obx_string_array_append(&options_.include_counters, "*"));
         // Zeroed as obx_reader_open makes it, so that obx_reader_close frees all it owns.
         context_ = static_cast<obx_reader_context_t*>(calloc(1, sizeof(obx_reader_context_t)));
-        context_->options = &options_;
-        context_->path = "/data/test.bin";
-        EventSchemaDoc all("all_types"), other("other");
+        context_->options = &options_, context_->path = "/data/test.bin";
+        EventSchemaDoc all("all_types");
         all.type("inner", {{"lo", "uint16_t"}, {"hi", "uint8_t"}}).type("real", {{"d", "double"}});
         for (const char* name : {"t2", "t3", "t4"}) all.type(name, {{"u", "int8_t"}});
         all_ = folder_.add(all.type("fifth", {{"x", "uint8_t"}}));
-        other_ = folder_.add(other.type("other_event", {{"v", "uint16_t"}}));
-        CountersSchemaDoc counters;
-        counters.group("NODE", 1, std::string("g")).counter("up", "UINT64").counter("load", "FP64");
-        std::memcpy(context_->header.counters_schema_id, folder_.add(counters.json().get()).data(), 16);
+        other_ = folder_.add(EventSchemaDoc("other").type("other_event", {{"v", "uint16_t"}}));
+        std::memcpy(context_->header.counters_schema_id, folder_.add(counters_layout("up load:FP64").json().get()).data(), 16);
         load_all();
     }
     void TearDown() override { obx_reader_close(context_); obx_read_options_release(&options_); }
     void load_all() { ASSERT_TRUE(obx_reader_load_type_system(context_, reinterpret_cast<const uint8_t(*)[16]>(all_.data()), 1)); }
+    // Loads the header's schemas, or those given, as a schemas block does: "<result>: <summary>".
+    std::string load(uint8_t (*ids)[16] = nullptr, unsigned count = 0) {
+        const bool ok = obx_reader_load_type_system(context_, ids ? ids : context_->header.event_schema_ids, ids ? count : OBX_EVENT_SCHEMA_SLOTS);
+        return (ok ? "ok: " : "failed: ") + summary(context_->type_system);
+    }
+    void name(uint8_t* slot, const std::string& provider) { memcpy(slot, folder_.add_text(sample(provider)).data(), 16); }
 
-    void run(const std::vector<Case>& cases, bool reload = true)
-    {
+    void run(const std::vector<Case>& cases, bool reload = true) {
         for (const Case& c : cases) {
             SCOPED_TRACE(c.name);
-            options_.format = c.format;
-            context_->records_printed = 0;
+            options_.format = c.format, context_->records_printed = 0;
             const Bytes exact(c.buffer);  // a copy holds exactly its size: a read past its end is caught by ASan
             LogCapture log(OBX_LOG_DEBUG);
-            testing::internal::CaptureStdout();
-            testing::internal::CaptureStderr();
+            testing::internal::CaptureStdout(), testing::internal::CaptureStderr();
             const bool ok = obx_reader_dispatch(context_, exact.data(), exact.size(), c.in_compressed);
             std::fflush(stdout);
-            const std::string err = testing::internal::GetCapturedStderr(), out = testing::internal::GetCapturedStdout();
-            std::string lines = "\n";
-            for (const LogLine& line : log.lines()) lines += line.text + "\n";
+            const std::string err = testing::internal::GetCapturedStderr(), out = testing::internal::GetCapturedStdout(), lines = "\n" + log.all();
             EXPECT_EQ(ok, c.ok) << lines;
-            const bool start_only = !c.out.empty() && c.out.back() == '*';
-            EXPECT_EQ(start_only ? out.substr(0, c.out.size() - 1) + "*" : out, c.out);
+            EXPECT_EQ(!c.out.empty() && c.out.back() == '*' ? out.substr(0, c.out.size() - 1) + "*" : out, c.out);
             EXPECT_EQ(err, c.err);
             EXPECT_TRUE(c.log.empty() || lines.find("\n" + c.log + "\n") != std::string::npos) << lines;
             EXPECT_TRUE(c.records < 0 || context_->records_printed == static_cast<uint64_t>(c.records));
@@ -109,15 +108,12 @@ TEST_F(DispatchTest, OutputOfEachFormat)
         {"influx events", events, true, "x=1i\nx=2i\n", "", INFLUX, "", 2},
         {"txt events", events, true, "", "", TXT, text + text, 2},
         {"csv events", events, true, "", "", CSV, csv + csv, 2},
-        {"bin events", events, false, "", "Failed to print", BIN, report("Unknown output format 5"), 0},
         {"json NaN", nan, false, "", "Failed to process block of type 1 at offset 0", JSON, report("Failed to JSONify event values"), 0},
         {"json counters", counters, true, "{\n    \"timestamp\": 1,*", "", JSON, "", 1},
         {"bin counters outside a page", counters, true, "Data collected at *", "", BIN, "", 1},
         {"csv counters", counters, true, "", "", CSV, csv, 1},
         {"influx counters", counters, true, "", "", INFLUX, report("Influx line API output is not yet supported for counters data"), 1},
-        {"counters one byte short", counters_block(1, Bytes(15, 0)), false, "", "", TXT, report("Counters block holds 15 bytes of values, the counters schema needs 16"), 1},
         {"counters head cut", Bytes{'O', 'B', 'X', 'D', 0, 0, 0, 0, 1, 2}, false, "", "", JSON, report("Counters block of 10 bytes is shorter than its 16-byte head"), 1},
-        {"short counters refused by format", counters_block(1, {}), true, "", "", CSV, csv, 1},
     });
     // The writers' plans point into the schemas: loading new ones drops them before the old types go.
     run({{"event plan", events, true, "*", ""}, {"counters plan", counters, true, "*", ""}}, false);
@@ -125,18 +121,17 @@ TEST_F(DispatchTest, OutputOfEachFormat)
     EXPECT_EQ(plans(), 2u);
     load_all();
     EXPECT_EQ(plans(), 0u);
-    obx_counters_schema_destroy(context_->type_system->counters_schema);
-    context_->type_system->counters_schema = nullptr;
+    obx_counters_schema_destroy(context_->type_system->counters_schema), context_->type_system->counters_schema = nullptr;
     run({{"no counters schema", counters, false, "", "", TXT, report("No counters schema is loaded to render the counters block with"), 1}});
 }
 
 TEST_F(DispatchTest, SchemasEventsAndUnknownBlocks)
 {
     auto ids = [&](std::optional<uint16_t> count, std::optional<uint16_t> size, size_t pad, std::string id = "") {
-        return schemas_block(SchemasBlockFields{{id.empty() ? SchemaFolder::hex(all_) : id}, size, count, pad, "OBXS"});
+        return schemas_block(SchemasBlockFields{{id.empty() ? SchemaFolder::hex(all_) : id}, size, count, pad});
     };
     // Consumed by its own size, here more than the 256 bytes it must have.
-    SchemasBlockFields swapped{{SchemaFolder::hex(other_), SchemaFolder::hex(all_)}, {}, {}, 272, "OBXS"};
+    SchemasBlockFields swapped{{SchemaFolder::hex(other_), SchemaFolder::hex(all_)}, {}, {}, 272};
     const Bytes three = concat({inner(1, 1), inner(2, 2), inner(3, 3)}), one = event_block(0, kInner, 1, inner(4, 4));
     const std::string four = "{\"lo\":4,\"hi\":4}\n", reached = "Reached unknown block type ";
     run({
@@ -148,11 +143,9 @@ TEST_F(DispatchTest, SchemasEventsAndUnknownBlocks)
         {"count 0 clears", concat({schemas_block({}), event_block(0, kFifth, 1, Bytes{1})}), false, "", "Type definition 0:5 not found"},
         {"swapped", concat({schemas_block(swapped), event_block(0, 0, 1, ByteWriter().u16(513).take()), event_block(1, kFifth, 1, Bytes{7})}), true, "{\"v\":513}\n{\"x\":7}\n", ""},
         {"type 0x0105", event_block(0, 0x0105, 1, Bytes{9}), true, "{\"x\":9}\n", ""},
-        {"schema 1", event_block(1, 0x0105, 1, Bytes{9}), false, "", "Type definition 1:261 not found"},
         {"no events consumes the head", concat({event_block(0, kInner, 0, {}), one}), true, four, ""},
         {"events beyond the buffer are dropped", event_block(0, kInner, 3, Bytes(three.begin(), three.end() - 1)), true, "{\"lo\":1,\"hi\":1}\n{\"lo\":2,\"hi\":2}\n", ""},
         {"zero tail ends the run", concat({one, Bytes(40, 0)}), true, four, "Unexpected block type 4 at offset 19"},
-        {"four bytes", Bytes{'O', 'B', 'X', 'E'}, true, "", ""},
         {"cut second head", concat({one, Bytes{'O', 'B', 'X', 'E', 1, 2, 3, 4}}), false, four, "Event block has 8 bytes left in its buffer, its head needs 16"},
         {"blob", blob_block(1, Bytes(4, 0)), false, "", reached + "3 . Magic value 'OBXB'"},
         {"page of two bytes", Bytes{'O', 'B'}, false, "", reached + "4 in compressed data block. Magic value 'OB'", NDJSON, "", -1, true},
@@ -161,6 +154,39 @@ TEST_F(DispatchTest, SchemasEventsAndUnknownBlocks)
     // The counters schema comes from the file header whatever the block lists.
     run({{"count 0", schemas_block({}), true, "", ""}}, false);
     EXPECT_EQ(context_->type_system->counters_schema->num_groups, 1u);
+}
+
+// ---- the type system a header or a schemas block loads ----
+
+TEST_F(DispatchTest, ZeroSlotsTakeNoPositionAndTheCountersSchemaComesFromTheHeader) {
+    auto& slots = context_->header.event_schema_ids;
+    name(slots[1], "a"), name(slots[4], "b"), name(slots[6], "c");
+    EXPECT_EQ(load(), "ok: a b c; 16");
+    uint8_t block_ids[2][16] = {};  // a schemas block replaces all earlier schemas; its first slot stays zero
+    name(block_ids[1], "only");
+    EXPECT_EQ(load(block_ids, 2), "ok: only; 16");
+    memset(context_->header.counters_schema_id, 0, 16);
+    EXPECT_EQ(load(), "ok: a b c; 0");  // no counters schema named: the new system's empty one stays
+}
+
+TEST_F(DispatchTest, SchemasTakePositionsUpToTheLimit) {
+    uint8_t ids[256][16];
+    for (auto& id : ids) name(id, "p");
+    LogCapture log;
+    EXPECT_EQ(load(ids, 255).substr(0, 8) + load(ids, 256).substr(0, 8), "ok: p p failed: ");
+    EXPECT_EQ(context_->type_system->num_schemas, 255);
+    EXPECT_EQ(log.at(OBX_LOG_ERROR), (std::vector<std::string>{"Failed to load schema: schema limit exceeded '255'", "Failed to load schema from file: " + folder_.file_of(folder_.add_text(sample("p")))}));
+}
+
+// A counters schema that cannot be read leaves none: its readers must accept that.
+TEST_F(DispatchTest, AMissingCountersSchemaFailsAndLeavesNone) {
+    SchemaId missing_id;
+    missing_id.fill(0xab);
+    const std::string missing = folder_.file_of(missing_id);
+    memcpy(context_->header.counters_schema_id, missing_id.data(), 16);
+    LogCapture log;
+    EXPECT_EQ(load(), "failed: ; none");
+    EXPECT_TRUE(log.has("Failed reading counters schema JSON from file '" + missing + "': No such file or directory") && log.has("Failed to load counters schema from file: " + missing)) << log.all();
 }
 
 }  // namespace

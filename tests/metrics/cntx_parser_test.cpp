@@ -11,9 +11,7 @@
 
 using namespace obx_test;
 
-namespace {
-
-Bytes from_hex(const std::string& text) {
+static Bytes from_hex(const std::string& text) {
     Bytes bytes;
     std::istringstream in(text);
     for (std::string byte; in >> byte;) bytes.push_back(static_cast<uint8_t>(std::stoul(byte, nullptr, 16)));
@@ -21,7 +19,7 @@ Bytes from_hex(const std::string& text) {
 }
 
 // The error, or each record's samples ("0=7 / 0=1") and the constant labels, sorted (" {k=v}").
-std::string summary(const CntxTables& t) {
+static std::string summary(const CntxTables& t) {
     if (!t.error.empty()) return t.error;
     std::string text;
     for (const auto& record : t.batches) text += (&record == &t.batches[0] ? "" : " / ") + samples_text(record);
@@ -30,11 +28,9 @@ std::string summary(const CntxTables& t) {
 }
 
 // One label set, one record: a block to break piece by piece.
-CntxBuilder small_block() { return CntxBuilder().label_set({"device"}).label_values({"hca0"}).metric_names({"rx"}).record(record_at(5, {{0, 7}}, labels_by_id(0, {0}))); }
+static CntxBuilder small_block() { return CntxBuilder().label_set({"device"}).label_values({"hca0"}).metric_names({"rx"}).record(record_at(5, {{0, 7}}, labels_by_id(0, {0}))); }
 
 const std::string kPast = "Invalid binary data format: ", kNoCntd = "Missing 'CNTD' magic number in the binary data";
-
-}  // namespace
 
 TEST(CntxParser, ReferenceBlockBytesAndDecoding) {
     const Bytes expected = from_hex(
@@ -64,16 +60,12 @@ TEST(CntxParser, BlocksAsTheToolReadsThem) {
         {small_block().blocksize(0xFFFFFFFFu), "0=7"},
         {small_block().blocksize(27), "insufficient data for 'L' encoding"},  // labels end blocksize bytes on
         {small_block().label_values_suffix("oops"), "0=7"},  // more data behind: suffixes pass
-        {small_block().end_marks("cntd", "CNTX"), "0=7"},
         {small_block().end_marks("cntD", "cntx"), "Invalid magic numbers in the binary data"},
-        {small_block().constant_labels({}), "0=7"},
         {small_block().constant_labels({"site", "a", "rack", "r1", "site", "b"}), "0=7 {rack=r1} {site=b}"},
         {small_block().constant_labels({"site", "lab", "orphan"}), "0=7 {site=lab}"},
         {small_block().record(lying_samples), kPast + "batch samples run past the end of the block"},
         {small_block().label_set_count(250), kPast + "'LBLN' string runs past the end of the block"},
-        {small_block().label_values_count(40), kPast + "'LBLV' string runs past the end of the block"},
         {small_block().without_label_values(), kNoCntd},  // the missing LBLV shows up as a missing CNTD
-        {small_block().without_cntd(), kNoCntd},
         {small_block().record(record_at(1, {{0, 0x4e4c424cull}}, labels_by_id(0, {0}))), kNoCntd},  // "LBLN" in a value
     };
     for (const auto& c : cases) EXPECT_EQ(summary(parse_cntx(c.builder.build())), c.expected);

@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <memory>
+#include <tuple>
 
 #include "counters/counter_data/counters_data.h"
 #include "fixtures/byte_writer.h"
@@ -32,9 +33,8 @@ std::string same_texts(obx_counters_text_writer_t* writer, const Bytes& bytes, c
                 const bool ok = obx_counters_text_writer_append(writer, pretty, &block, schema);
                 const std::string all(obx_counters_text_writer_data(writer), obx_counters_text_writer_size(writer));
                 text = ok ? all : all.empty() ? "<none>" : "<failure left bytes>";
-            } else if (json_t* value = obx_counters_data_to_json(&block, schema)) {
-                text = owned_text(pretty ? obx_json_serialize_to_string_pretty(value) : obx_json_serialize_to_string(value));
-                json_decref(value);
+            } else if (const JsonPtr value{obx_counters_data_to_json(&block, schema)}) {
+                text = json_text(value.get(), pretty);
             }
             texts[direct] += text + "\n";
         }
@@ -49,11 +49,9 @@ std::string same_texts(obx_counters_text_writer_t* writer, const Bytes& bytes, c
 // both slash settings.
 TEST(CountersTextWriter, BlocksAsTheValuePathGivesThem)
 {
-    CountersSchemaDoc doc = counters_layout("u i:INT64 f:FP64 b:BIT64 x:Undefined s:STRING:8 a/b | *3 c1 c2:FP64 | *0 p"
-                                            " | *2 q:INT64 | f:FP64 u f v i:FP64");
-    doc.groups[0].name = "node";  // the others have none
-    doc.groups[1].granularity = "CPU";
-    doc.groups[3].granularity = "BOGUS";
+    CountersSchemaDoc doc = counters_layout("u i:INT64 f:FP64 b:BIT64 x:Undefined s:STRING:8 a/b | *3 c1 c2:FP64 | *0 p | *2 q:INT64 | f:FP64 u f v i:FP64");
+    // Only the first group has a name.
+    std::tie(doc.groups[0].name, doc.groups[1].granularity, doc.groups[3].granularity) = std::make_tuple("node", "CPU", "BOGUS");
     CountersSchemaPtr schema(obx_counters_schema_from_string(doc.text().c_str()));
     ASSERT_TRUE(schema);
     auto block = [&](uint64_t time, double f, const std::string& text, double c2, size_t size = 200) {

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "fixtures/counters_schema_builder.h"
@@ -13,13 +14,11 @@
 #include "fixtures/schema_builder.h"
 #include "fixtures/temp_dir.h"
 
-namespace {
-
 using namespace obx_test;
 
-Bytes at(uint64_t time) { return counters_block(time, ByteWriter().u64(5).i64(-1200).take()); }
+static Bytes at(uint64_t time) { return counters_block(time, ByteWriter().u64(5).i64(-1200).take()); }
 // The ndjson line of at(time), in UTC.
-std::string line(uint64_t time)
+static std::string line(uint64_t time)
 {
     return "{\"timestamp\":" + std::to_string(time) + ",\"@timestamp\":\"1970-01-01 00:00:00.000\",\"groups\":[{"
            "\"granularity\":\"NODE\",\"name\":\"g\",\"counter_sets\":[{\"a\":5,\"b\":-1200}]}]}\n";
@@ -32,21 +31,14 @@ TEST(Export, OutputAndExitStatus)
     CountersSchemaDoc counters;
     counters.group("NODE", 1, std::string("g")).counter("a", "UINT64").counter("b", "INT64");
     FileHeaderFields head;
-    head.block_size = 512;
     events.type("y", {{"y", "uint16_t"}}).type("x", {{"x", "uint8_t"}});
-    head.event_schema_ids = {SchemaFolder::hex(schemas.add(events))};
-    head.counters_schema_id = SchemaFolder::hex(schemas.add(counters.json().get()));
+    std::tie(head.block_size, head.event_schema_ids, head.counters_schema_id) = std::make_tuple(512, std::vector<std::string>{SchemaFolder::hex(schemas.add(events))}, SchemaFolder::hex(schemas.add(counters.json().get())));
     TempDir data;
     const std::string path = data.file("f.bin"), failed = "Failed processing file " + path + ": ";
     const std::string x = "{\n    \"x\": 7\n}", cut = "{\"f\":[" + x + "}";
     const Bytes kx = event_block(0, 1, 1, Bytes{7}), both = concat({event_block(0, 0, 1, Bytes{1, 0}), kx});
-    struct Row {
-        std::vector<std::string> arguments;
-        std::vector<Bytes> chunks;
-        int exit_status;
-        std::string out;  // '*' at its end or start: the start or the end of the output
-        std::string err;  // a part of standard error, log lines without their time prefix
-    };
+    // Out: '*' at its end or start stands for the rest; err: a part of standard error, log lines without their time prefix.
+    struct Row { std::vector<std::string> arguments; std::vector<Bytes> chunks; int exit_status; std::string out, err; };
     const std::vector<Row> rows = {
         {{"-f", "ndjson"}, {kx, at(1)}, 0, "{\"x\":7}\n" + line(1), ""},
         {{"-f", "txt"}, {kx, at(1)}, 0, "Data collected at 1970-01-01 00:00:00.000\n*", failed + "Text output is not yet supported for counters data\n"},
@@ -63,7 +55,7 @@ TEST(Export, OutputAndExitStatus)
         {{"-g", "200"}, {at(100), kx}, 0, "{\"f\":[,\n" + x + "]}", ""},
         // A failure in the body ends the file; what was printed stays and the array is left open.
         {{}, {kx, page_frame(blob_block(1, Bytes(8, 1)))}, 1, cut, "[error] Reached unknown block type 3 in compressed data block. Magic value 'OBXB'\n"},
-        {{}, {kx, schemas_block({{head.event_schema_ids[0]}, 300, 15, 300, "OBXS"})}, 1, cut, "[error] Failed to process block of type 2 at offset 0\n"},
+        {{}, {kx, schemas_block({{head.event_schema_ids[0]}, 300, 15, 300})}, 1, cut, "[error] Failed to process block of type 2 at offset 0\n"},
         {{}, {kx, event_block(0, 0x0105, 1, Bytes{0})}, 1, cut, "[error] Type definition 0:261 not found\n"},
         {{}, {kx, page_frame(counters_block(1, Bytes(15, 0)))}, 1, cut, failed + "Counters block holds 15 bytes of values, the counters schema needs 16\n"},
     };
@@ -73,17 +65,12 @@ TEST(Export, OutputAndExitStatus)
         std::vector<std::string> arguments = {"-s", schemas.path(), "--output-dir", data.path()};
         arguments.insert(arguments.end(), c.arguments.begin(), c.arguments.end());
         arguments.push_back(path);
-        const ProcessResult r = run_obx_read(arguments, ProcessOptions{{"TZ=UTC"}, {}, ""});
+        const ProcessResult r = run_obx_read(arguments, ProcessOptions{{"TZ=UTC"}, ""});
         EXPECT_EQ(r.exit_status, c.exit_status) << r.err;
         const size_t n = std::min(c.out.size() - 1, r.out.size());
-        std::string out = r.out;
-        if (!c.out.empty() && c.out.back() == '*') out = r.out.substr(0, n) + "*";
-        if (!c.out.empty() && c.out[0] == '*') out = "*" + r.out.substr(r.out.size() - n);
-        EXPECT_EQ(out, c.out);
+        EXPECT_EQ(c.out.empty() ? r.out : c.out.back() == '*' ? r.out.substr(0, n) + "*" : c.out[0] == '*' ? "*" + r.out.substr(r.out.size() - n) : r.out, c.out);
         std::string err = "\n" + r.err;
         for (size_t at; (at = err.find("\n[20")) != std::string::npos;) err.erase(at + 1, err.find("] ", at) + 1 - at);
         EXPECT_NE(err.find(c.err), std::string::npos) << err;
     }
 }
-
-}  // namespace

@@ -7,6 +7,7 @@
 
 #include <filesystem>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -58,10 +59,8 @@ std::string parse(std::vector<std::string> words) {
     const obx_read_parse_result_t result = obx_read_options_parse_command_line(&o, static_cast<int>(argv.size() - 1), argv.data());
     std::string text = "failed: " + testing::internal::GetCapturedStderr();
     if (result == OBX_READ_PARSE_OK)
-        text = "v" + std::to_string(o.verbosity) + " f" + std::to_string(o.format) + " g" + std::to_string(o.timestamp_gt) +
-               " l" + std::to_string(o.timestamp_lt) + " i" + list(o.include_counters) + " e" + list(o.exclude_counters) +
-               " in" + list(o.data_files) + " p" + std::to_string(o.print_headers) + " S" + std::to_string(o.sort_files) +
-               ":" + (o.sort_order ? o.sort_order : "-");
+        text = "v" + std::to_string(o.verbosity) + " f" + std::to_string(o.format) + " g" + std::to_string(o.timestamp_gt) + " l" + std::to_string(o.timestamp_lt) + " i" + list(o.include_counters) +
+               " e" + list(o.exclude_counters) + " in" + list(o.data_files) + " p" + std::to_string(o.print_headers) + " S" + std::to_string(o.sort_files) + ":" + (o.sort_order ? o.sort_order : "-");
     obx_read_options_release(&o);
     return text;
 }
@@ -71,24 +70,17 @@ std::string parse(std::vector<std::string> words) {
 TEST(ReadOptions, ParseTable) {
     const std::string num = "v6 f0 g0 l18446744073709551615", flags = " i[*] e[] in[] p0 S0:-";  // the defaults
     const std::pair<std::vector<std::string>, std::string> cases[] = {
-        {{}, num + flags},
-        {{"-v", "0x3", "-f", "txt"}, "v3 f2 g0 l18446744073709551615" + flags},
-        {{"--timestamp-gt=18446744073709551615", "-l", "010"}, "v6 f0 g18446744073709551615 l8" + flags},
-        {{"-i", "cpu*", "--include-counters", "mem", "-e", "x", "--exclude-counters=y"}, num + " i[cpu*,mem] e[x,y] in[] p0 S0:-"},
-        {{"--print-page-info", "a", "-S", "first_timestamp"}, num + " i[*] e[] in[a,first_timestamp] p1 S1:-"},
-        {{"-Ssource_id"}, num + " i[*] e[] in[] p0 S1:source_id"},
-        {{"--sort-files="}, num + " i[*] e[] in[] p0 S1:-"},
+        {{"-v", "0x3", "-f", "txt"}, "v3 f2 g0 l18446744073709551615" + flags},  // the other defaults
+        {{"--timestamp-gt=18446744073709551615", "-l", "010", "-i", "cpu*", "--include-counters", "mem", "-e", "x", "--exclude-counters=y"}, "v6 f0 g18446744073709551615 l8 i[cpu*,mem] e[x,y] in[] p0 S0:-"},
+        {{"--print-page-info", "a", "-S", "first_timestamp", "-Ssource_id"}, num + " i[*] e[] in[a,first_timestamp] p1 S1:source_id"},
         {{"-g", "18446744073709551616"}, "failed: Timestamp must be a number, 18446744073709551616 is given."},
     };
     for (const auto& [args, expected] : cases) EXPECT_EQ(parse(args), expected) << testing::PrintToString(args);
 }
 
-struct RunCase {
-    Args args;
-    int exit_status;
-    std::string out;               // all of stdout, or its start when it ends in '*'
-    std::vector<std::string> err;  // parts of stderr; one led by '!' must not be there, one led by '=' is all of it
-};
+// All of stdout, or its start when it ends in '*'; parts of stderr: one led by '!' must not
+// be there, one led by '=' is all of it.
+struct RunCase { Args args; int exit_status; std::string out; std::vector<std::string> err; };
 
 // Whole runs: rejections, the option quirks, the input list, the schema search and the
 // -S ordering.
@@ -97,16 +89,14 @@ TEST(ObxReadCli, RunsOverTheInputList) {
     // that relative inputs need no search.
     obx_test::TempDir dir;
     for (const char* folder : {"schema", "dir", "deep/a/b/c/d", "found/schema", "found/x", "walk/inner", "data.d", "cycle"}) fs::create_directories(dir.file(folder));
-    const auto header = [&](const std::string& name, const std::string& id, const std::string& tag, uint64_t first_timestamp) {
+    // Timestamps compare unsigned, ids by strcmp.
+    const std::tuple<const char*, const char*, const char*, uint64_t> headers[] = {{"a.bin", "node2", "t1", 1ull << 63}, {"b.bin", "node9", "t2", 200}, {"c.bin", "node1", "t1", 100}, {"d.bin", "node10", "t0", 200},
+        {"good.bin", "n", "t", 1}, {"named.x.bin", "n", "t", 1}, {"data.d/plain", "n", "t", 1}, {".hidden", "n", "t", 1}, {"data.d/x.y.z", "n", "t", 1}};
+    for (const auto& [name, id, tag, first_timestamp] : headers) {
         obx_test::FileHeaderFields head;
-        head.source_id = id; head.source_tag = tag; head.first_timestamp = first_timestamp;
+        std::tie(head.source_id, head.source_tag, head.first_timestamp) = std::make_tuple(id, tag, first_timestamp);
         obx_test::write_file(dir.file(name), obx_test::file_header(head));
-    };
-    header("a.bin", "node2", "t1", 1ull << 63);  // timestamps compare unsigned, ids by strcmp
-    header("b.bin", "node9", "t2", 200);
-    header("c.bin", "node1", "t1", 100);
-    header("d.bin", "node10", "t0", 200);
-    for (const char* name : {"good.bin", "named.x.bin", "data.d/plain", ".hidden", "data.d/x.y.z"}) header(name, "n", "t", 1);
+    }
     for (const auto& [name, text] : std::vector<std::pair<const char*, std::string>>{{"short.bin", "abc"}, {"bad.bin", std::string(300, 'x')}, {"walk/inner/deep.txt", "x"}, {"outside.bin", "x"}})
         obx_test::write_file(dir.file(name), obx_test::Bytes(text.begin(), text.end()));
     fs::create_symlink(dir.file("outside.bin"), dir.file("walk/link.bin"));
@@ -126,10 +116,8 @@ TEST(ObxReadCli, RunsOverTheInputList) {
         {{"-h", "-v", "9"}, 0, kUsage, {"="}},
         {{"-V", "-v", "9"}, 0, "Ombrix binary data reader 1.22.1\nOmbrix build info: build time: *", {"="}},
         {{"-v", "8"}, 1, kUsage, {v + "8 is given."}},
-        {{"-v", "7x"}, 1, kUsage, {v + "7x is given."}},
         {{"-v", "9", "-f", "xml"}, 1, kUsage, {v + "9 is given."}},
         {{"-g", "abc"}, 1, kUsage, {t + "abc is given."}},
-        {{"-l", "12x"}, 1, kUsage, {t + "12x is given."}},
         {{"-f", "JSON", "a.bin"}, 1, kUsage, {"=Unsupported output format JSON"}},
         {{"-f", "bin"}, 1, kUsage, {"=Output folder 'output' does not exits\n"}},
         {{"-d", "no_such_dir"}, 1, kUsage, {"=Failed to open directory 'no_such_dir': No such file or directory\n"}},
@@ -137,22 +125,15 @@ TEST(ObxReadCli, RunsOverTheInputList) {
         {{"-s", "/missing", lost}, 1, kUsage, {"=Schema folder not found within 5 levels of " + lost + "\n"}},
         // No input is no failure: the run goes on, with an empty document in format json.
         {{}, 0, "{}", {none}},
-        {{"-f", "txt"}, 0, "", {none}},
         {{"-f", "bin", "--output-dir", "dir"}, 0, "", {none}},
         // -o is not a short option: getopt complains, its word is an input, the folder stays.
-        {{"-o", "dir", "file.bin"}, 1, "{}",
-         {"invalid option -- 'o'", "Failed processing file dir: Failed reading data file header",
-          "Failed to open data file file.bin: No such file or directory", "Failed to read 2 of 2 files\n"}},
+        {{"-o", "dir", "file.bin"}, 1, "{}", {"invalid option -- 'o'", "Failed processing file dir: Failed reading data file header", "Failed to open data file file.bin: No such file or directory", "Failed to read 2 of 2 files\n"}},
         // --print-headers is the usage's name, not the parser's; unknown options never stop.
         {{"--print-headers"}, 0, "{}", {"obx_read: ", "No input files specified\n"}},
-        {{"-s"}, 0, "{}", {"obx_read: ", "No input files specified\n"}},
         // Failed files are counted and the run goes on.
-        {{"missing.bin", "short.bin"}, 1, "{}",
-         {"Failed to open data file missing.bin: No such file or directory", "Failed to initialize reader context",
-          "Failed processing file short.bin: Failed reading data file header: ", "Failed to read 2 of 2 files\n"}},
+        {{"missing.bin", "short.bin"}, 1, "{}", {"Failed to open data file missing.bin: No such file or directory", "Failed to initialize reader context", "Failed processing file short.bin: Failed reading data file header: ", "Failed to read 2 of 2 files\n"}},
         // Named inputs first, then every regular file of the -d walk (links followed).
-        {{"-v", "7", "-f", "txt", "-d", "walk", "first.bin"}, 1, "",
-         {"data file[0] = first.bin", "] = walk/inner/deep.txt", "] = walk/link.bin", "!data file[3]", "!walk/pipe", "Failed to read 3 of 3 files\n"}},
+        {{"-v", "7", "-f", "txt", "-d", "walk", "first.bin"}, 1, "", {"data file[0] = first.bin", "] = walk/inner/deep.txt", "] = walk/link.bin", "!data file[3]", "!walk/pipe", "Failed to read 3 of 3 files\n"}},
         // A file's key is its base name up to the first dot.
         {{"data.d/plain", ".hidden", "data.d/x.y.z"}, 0, "{\"plain\":[],\"\":[],\"x\":[]}", {"!Failed"}},
         // Without a schema folder at -s, "schema" is looked for above the first input, from
@@ -161,20 +142,17 @@ TEST(ObxReadCli, RunsOverTheInputList) {
         {{"-s", "/missing", "y.bin"}, 1, "{}", {"!Schema folder", "Failed to read 1 of 1 files\n"}},
         // A header failure stops a sorted run before any file and leaves the document open.
         {{"-S", "good.bin", "short.bin"}, 1, "{", {"[error] Failed to read header from file: short.bin\n"}},
-        {{"-S", "good.bin", "bad.bin", "good.bin"}, 1, "{",
-         {"[error] Invalid header in file: bad.bin\n", "[error] Failed to read file header: bad.bin\n", "!" + bad_header, "Failed to read 1 of 3 files\n"}},
+        {{"-S", "good.bin", "bad.bin", "good.bin"}, 1, "{", {"[error] Invalid header in file: bad.bin\n", "[error] Failed to read file header: bad.bin\n", "!" + bad_header, "Failed to read 1 of 3 files\n"}},
         // Commas go by position: a first file failing before its key leaves one behind the brace.
         {{"bad.bin", "named.x.bin"}, 1, "{,\"named\":[]}", {bad_header, "Failed to read 1 of 2 files\n"}},
         // -S reads every header first, then processes the files by the keys (default: first_timestamp,
         // source_id, source_tag). Keys are matched exactly, blanks around them and empty ones are
-        // skipped, a fourth is never read; a bad order falls back to the default and never stops the run.
+        // skipped; a bad order falls back to the default and never stops the run.
         {abcd({}), 0, "{\"a\":[],\"b\":[],\"c\":[],\"d\":[]}", {}},
         {abcd({"-S"}), 0, "{\"c\":[],\"d\":[],\"b\":[],\"a\":[]}", {"Sort order not specified. Using default."}},
         {abcd({"--sort-files=source_tag, first_timestamp"}), 0, "{\"d\":[],\"c\":[],\"a\":[],\"b\":[]}", {"!Using default"}},
         {abcd({"--sort-files= \tfirst_timestamp ,,source_id,  source_tag "}), 0, "{\"c\":[],\"d\":[],\"b\":[],\"a\":[]}", {"!Using default"}},
-        {abcd({"--sort-files=source_id,source_tag,first_timestamp,bogus"}), 0, "{\"c\":[],\"d\":[],\"a\":[],\"b\":[]}", {"!Using default"}},
-        {abcd({"--sort-files=source_id,Source_Tag"}), 0, "{\"c\":[],\"d\":[],\"b\":[],\"a\":[]}",
-         {"[error] [sort] Unknown sort key: 'Source_Tag'", "[warning] Invalid sort order string 'source_id,Source_Tag'. Using default."}},
+        {abcd({"--sort-files=source_id,Source_Tag"}), 0, "{\"c\":[],\"d\":[],\"b\":[],\"a\":[]}", {"[error] [sort] Unknown sort key: 'Source_Tag'", "[warning] Invalid sort order string 'source_id,Source_Tag'. Using default."}},
         {abcd({"--sort-files=,,"}), 0, "{\"c\":[],\"d\":[],\"b\":[],\"a\":[]}", {"!Unknown", "[warning] Invalid sort order string ',,'. Using default."}},
     };
     for (const RunCase& c : cases) {

@@ -1,10 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <fstream>
-
 #include "fixtures/json_value.h"
-#include "fixtures/temp_dir.h"
 #include "utils/json.h"
 
 using namespace obx_test;
@@ -59,9 +55,6 @@ TEST(JsonText, StringBytesEscapedOrPassedThrough) {
         std::vector<char> buffer(obx_json_string_max_size(bytes.size()));
         EXPECT_EQ(std::string(buffer.data(), obx_json_write_string(buffer.data(), bytes.data(), bytes.size())), expected);
     }
-    JsonPtr object = json_parse("{\"k/\":\"v\"}");
-    SlashEscaping on(true);  // parson's default, which the tool turns off
-    EXPECT_EQ(json_text(object.get()), "{\"k\\/\":\"v\"}");
 }
 
 // The flags and checks of our own around Jansson: duplicates, integers as doubles, any
@@ -77,21 +70,6 @@ TEST(JsonParse, AcceptsAndRefuses) {
         JsonPtr value(obx_json_parse_buffer(input.data(), input.size()));
         EXPECT_EQ(json_text(value.get()), plain ? plain : "<no text>") << input.substr(0, 40);
     }
-    EXPECT_EQ(obx_json_parse_string(nullptr), nullptr);
-    obx_test::TempDir dir;
-    std::ofstream(dir.file("bad.json")) << "{\"b\":";
-    for (const std::string& path : {dir.file("bad.json"), dir.file("missing.json"), dir.path()})
-        EXPECT_EQ(obx_json_parse_file(path.c_str()), nullptr) << path;
+    EXPECT_TRUE(!obx_json_parse_string(nullptr) && !obx_json_parse_file(OBX_TEST_DATA_DIR) && !obx_json_parse_file("/no/such.json"));
 }
 
-TEST(JsonSet, MakersAndSettersRefuseWhatHasNoJsonFormAndFreeIt) {
-    for (double number : {NAN, INFINITY, -INFINITY}) EXPECT_EQ(obx_json_number(number), nullptr) << number;
-    EXPECT_TRUE(!obx_json_string("\xc0\xaf") && !obx_json_string(nullptr) && !obx_json_stringn(nullptr, 0));  // overlong '/'
-    JsonPtr object = json_parse("{\"a\":1,\"b\":2,\"c\":3}"), array(json_array());
-    EXPECT_TRUE(obx_json_object_set_number(object.get(), "b", 9) && obx_json_object_set_string(object.get(), "d", "new") &&
-                obx_json_array_append(array.get(), obx_json_number(1)) && obx_json_object_dotset_value(object.get(), "e.f", json_real(2)));
-    // Each refusal frees the value it was given (the leak checker watches) and changes nothing.
-    EXPECT_FALSE(obx_json_object_set(array.get(), "k", json_true()) || obx_json_object_set(object.get(), "bad\xff", obx_json_string("v")) ||
-                 obx_json_object_set_number(object.get(), "b", NAN) || obx_json_array_append(object.get(), obx_json_number(2)));
-    EXPECT_EQ(json_text(object.get()) + json_text(array.get()), "{\"a\":1,\"b\":9,\"c\":3,\"d\":\"new\",\"e\":{\"f\":2}}[1]");
-}

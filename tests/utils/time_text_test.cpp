@@ -11,8 +11,7 @@ TEST(TimeText, LocalTimeWithMillisecondsCutNotRounded) {
     using Text = std::unique_ptr<char, decltype(&std::free)>;
     const char* const old_zone = std::getenv("TZ");
     const std::string saved = old_zone ? old_zone : "";
-    setenv("TZ", "Asia/Kolkata", 1);
-    tzset();
+    setenv("TZ", "Asia/Kolkata", 1), tzset();
     const std::pair<uint64_t, const char*> rows[] = {{0, "1970-01-01 05:30:00.000"}, {1999999, "1970-01-01 05:30:01.999"},
                                                      {1709280930125000ull, "2024-03-01 13:45:30.125"}};
     char buffer[24];
@@ -24,6 +23,5 @@ TEST(TimeText, LocalTimeWithMillisecondsCutNotRounded) {
     const Text largest(obx_time_to_string(UINT64_MAX), std::free);  // year 586912 still fits
     EXPECT_NE(std::string(largest ? largest.get() : "").find(".551"), std::string::npos);
     EXPECT_FALSE(obx_time_to_string_into(0, nullptr, 32) || obx_time_to_string_into(0, buffer, 0));
-    old_zone ? setenv("TZ", saved.c_str(), 1) : unsetenv("TZ");
-    tzset();
+    old_zone ? setenv("TZ", saved.c_str(), 1) : unsetenv("TZ"), tzset();
 }

@@ -52,40 +52,21 @@ TEST_F(SchemaTest, BuiltInTypesHaveTheirStableIdsNamesAndSizes) {
     EXPECT_EQ(rows, "1 bool 1,2 char 1,3 short 2,4 int 4,5 long 8,6 long long 8,7 unsigned char 1,8 unsigned short 2,9 unsigned int 4,10 unsigned long 8,11 unsigned long long 8,12 float 4,13 double 8,14 int8_t 1,15 int16_t 2,16 int32_t 4,17 int64_t 8,18 uint8_t 1,19 uint16_t 2,20 uint32_t 4,21 uint64_t 8,22 timestamp 8,");
 }
 
-TEST_F(SchemaTest, RegistrationRefusalsInCheckOrderLeaveTheSchemaAsItWas) {
-    ASSERT_EQ(add("taken", {"a"}), OBX_SCHEMA_OK);
-    const obx_type_field_info_t f = {"f", "", "int", 0, 1}, a = {"a", "", "int", 0, 1}, b = {"b", "", "int", 0, 1}, g = {"g", "", "later", 0, 1};
-    const std::string dup = "[obx_schema_add_type] Failed to register new type '";
-    const struct { obx_schema_t* schema; const char* type_name; Infos fields; int code; std::string error; } cases[] = {
-        {nullptr, "t", {f}, 3, "[obx_schema_add_type] Missing schema or type name"},
-        {schema_, "t", {}, 3, "[obx_schema_add_type] Unable to register type 't': a type needs at least one field"},
-        {schema_, "taken", {g}, 2, "Schema 'prov' already contains type 'taken'"},
-        {schema_, "uint64_t", {f}, 2, "Schema 'prov' already contains type 'uint64_t'"},  // the base schema's names too
-        {schema_, "t", {a, a, g}, 3, "Unable to register type 't': type 'later' of the field 'g' is undefined"},
-        // Field i is compared with those before it for i up to count-2: the last one never is.
-        {schema_, "t", {a, a, f}, 2, dup + "t': field name 'a' occurs more than once."},
-        {schema_, "t", {a, b, f, b, f}, 2, dup + "t': field name 'b' occurs more than once."},
-    };
-    for (const auto& c : cases) {
-        LogCapture log;
-        uint8_t index = 0x77;
-        EXPECT_EQ(obx_schema_add_type(c.schema, c.type_name, c.fields.data(), c.fields.size(), &index), c.code) << c.error;
-        EXPECT_EQ(index, 0x77);
-        EXPECT_EQ(schema_->num_types, 1);
-        EXPECT_EQ(log.at(OBX_LOG_ERROR), Lines{c.error});
-    }
-    EXPECT_EQ(add("aba", {"a", "b", "a"}), OBX_SCHEMA_OK);  // a repeat as the last field is accepted
-    for (int i = 2; i < OBX_MAX_TYPES; ++i) ASSERT_EQ(add(("t" + std::to_string(i)).c_str(), {"v"}), OBX_SCHEMA_OK);
+// Registration by hand is not on the reader's path (schema files are decoded whole): one
+// refusal as a smoke check, of a name the base schema holds.
+TEST_F(SchemaTest, RegistrationRefusesANameOfTheBaseSchema) {
     LogCapture log;
-    EXPECT_EQ(add("taken", {"v"}), OBX_SCHEMA_MAX_TYPES_REACHED);  // the limit is reported before the taken name
-    EXPECT_EQ(log.at(OBX_LOG_ERROR), Lines{"[obx_schema_add_type] Unable to add new type, reached OBX_MAX_TYPES. schema->num_types = 254"});
+    uint8_t index = 0x77;
+    const obx_type_field_info_t f = {"f", "", "int", 0, 1};
+    EXPECT_EQ(obx_schema_add_type(schema_, "uint64_t", &f, 1, &index), 2);
+    EXPECT_TRUE(index == 0x77 && schema_->num_types == 0);
+    EXPECT_EQ(log.at(OBX_LOG_ERROR), Lines{"Schema 'prov' already contains type 'uint64_t'"});
 }
 
 // A type read from a file may carry a built-in's name; it wins within its own schema.
 TEST_F(SchemaTest, LookupWalksTheBaseChainAndOwnTypesWin) {
     obx_type_definition_t* own = schema_->types[schema_->num_types++] = obx_type_definition_create("uint64_t");
-    EXPECT_EQ(obx_schema_find_type(schema_, "uint64_t"), own);
-    EXPECT_EQ(obx_schema_find_type(built_ins_, "uint64_t"), built_ins_->types[20]);
+    EXPECT_TRUE(obx_schema_find_type(schema_, "uint64_t") == own && obx_schema_find_type(built_ins_, "uint64_t") == built_ins_->types[20]);
     EXPECT_EQ(obx_schema_find_type(schema_, "INT"), nullptr);
 }
 
@@ -98,14 +79,10 @@ TEST_F(SchemaTest, LayoutCheckRefusesFieldsOutsideTheirRecordAndTypesThatContain
         {0, 8, 1, true, true},  {4, 4, 1, true, true},  // an element may be larger than its type
     };
     ASSERT_EQ(add("rec", {"a", "b"}), OBX_SCHEMA_OK);
-    obx_type_definition_t* rec = schema_->types[0];
+    obx_type_definition_t *rec = schema_->types[0], *int_type = rec->fields[1]->type;
     obx_type_field_definition_t* field = rec->fields[1];
-    obx_type_definition_t* int_type = field->type;
     for (const auto& c : cases) {
-        field->offset = c.offset;
-        field->type_size = c.type_size;
-        field->array_length = c.array_length;
-        field->type = c.resolved ? int_type : nullptr;
+        field->offset = c.offset, field->type_size = c.type_size, field->array_length = c.array_length, field->type = c.resolved ? int_type : nullptr;
         LogCapture log;
         EXPECT_EQ(obx_type_definition_fits(rec), c.fits) << c.offset << " " << c.type_size << " x" << c.array_length;
         EXPECT_EQ(log.at(OBX_LOG_ERROR).size(), c.fits ? 0u : 1u);
@@ -113,55 +90,43 @@ TEST_F(SchemaTest, LayoutCheckRefusesFieldsOutsideTheirRecordAndTypesThatContain
     ASSERT_EQ(add("b", {"y"}, "rec"), OBX_SCHEMA_OK);
     ASSERT_EQ(add("c", {"z"}, "b"), OBX_SCHEMA_OK);
     EXPECT_TRUE(obx_schema_validate_layout(schema_));
-    rec->fields[0]->type = schema_->types[2];  // rec -> c -> b -> rec; every element still fits
-    rec->fields[0]->type_size = 8;
+    rec->fields[0]->type = schema_->types[2], rec->fields[0]->type_size = 8;  // rec -> c -> b -> rec; every element still fits
     LogCapture log;
     EXPECT_FALSE(obx_schema_validate_layout(schema_));
     EXPECT_EQ(log.at(OBX_LOG_ERROR).at(0), "Type 'rec' contains itself through field 'y' of type 'b'");
 }
 
-TEST_F(SchemaTest, EncodeDecodeEncodeGivesTheSameTextAndTheFileNameIsItsMd5) {
-    EventSchemaDoc doc("net/provider", "2.7.300");
+// "outer" names a type that stands later in the file; slashes stand plain, and the file name is the MD5 of the bytes.
+TEST_F(SchemaTest, LoadedFileKeepsItsMd5AndEncodesBackToTheSameText) {
     FieldDoc key("k", "int");
     key.index = 1;
-    // "outer" names a type that stands later in the file.
-    doc.type("outer", {{"time", "timestamp"}, {"name", "char", 16}, {"pair", "inner", 2}, {"load", "double"}})
-        .type("inner", {{"lo", "uint16_t"}, {"hi", "uint16_t"}})
-        .type(TypeDoc{"indexed", {key}, std::nullopt});
-    const SchemaId id = folder_.add(doc);
-    const std::string bytes = read_file_bytes(folder_.file_of(id));
-    EXPECT_NE(bytes.find("\"net/provider\""), std::string::npos);  // slashes stand plain
-    LogCapture log;
+    const SchemaId id = folder_.add(EventSchemaDoc("net/provider", "2.7.300").type("outer", {{"time", "timestamp"}, {"name", "char", 16}, {"pair", "inner", 2}, {"load", "double"}})
+                                        .type("inner", {{"lo", "uint16_t"}, {"hi", "uint16_t"}}).type(TypeDoc{"indexed", {key}}));
     SchemaPtr schema = load(folder_.file_of(id));
-    ASSERT_NE(schema, nullptr) << log.all();
-    ASSERT_EQ(schema->num_types, 3);
+    ASSERT_NE(schema, nullptr);
     EXPECT_EQ(std::string(schema->md5_digest_str), SchemaFolder::hex(id));
     EXPECT_EQ(schema->types[0]->fields[2]->type, schema->types[1]);
-    JsonPtr again(obx_schema_to_json(schema.get()));  // name, version, sizes, offsets and indexes all come back
-    EXPECT_EQ(schema_pretty_text(again.get()), bytes);
+    EXPECT_EQ(schema_pretty_text(JsonPtr(obx_schema_to_json(schema.get())).get()), read_file_bytes(folder_.file_of(id)));
 }
 
 // array_length and index are 32-bit values kept in 16 bits; 0 or absent length is 1.
-// An unknown counting mode is no reason to refuse, but it has no JSON form.
+// An unknown counting mode is no reason to refuse.
 TEST_F(SchemaTest, FieldDecodingOfNumbersAndCountingModes) {
     const struct { const char* patch; uint16_t array_length, index; int mode; } cases[] = {
         {"{\"array_length\": 0}", 1, 0, OBX_COUNTING_MODE_ABSOLUTE},
         {"{\"array_length\": 65537, \"index\": 65538}", 1, 2, OBX_COUNTING_MODE_ABSOLUTE},
-        {"{\"array_length\": -1}", 65535, 0, OBX_COUNTING_MODE_ABSOLUTE},
-        {"{\"array_length\": \"4\"}", 1, 0, OBX_COUNTING_MODE_ABSOLUTE},
         {"{\"index\": \"3\"}", 1, 0, OBX_COUNTING_MODE_ABSOLUTE},  // fails the first template, passes the second
         {"{\"counting_mode\": \"ABSOLUTE_MONOTONIC\"}", 1, 0, OBX_COUNTING_MODE_RUNNING_SUM},
         {"{\"counting_mode\": \"absolute\"}", 1, 0, OBX_COUNTING_MODE_UNKNOWN},
     };
     for (const auto& c : cases) {
         LogCapture log;
-        JsonPtr value = json_parse(kField);
-        json_object_update(value.get(), json_parse(c.patch).get());  // the patch's keys replace those
+        JsonPtr value = json_parse(kField);  // the patch's keys replace those
+        json_object_update(value.get(), json_parse(c.patch).get());
         obx_type_field_definition_t* field = obx_field_from_json(value.get());
         ASSERT_NE(field, nullptr) << c.patch << log.all();
         EXPECT_EQ(std::vector<int>({field->array_length, field->index, field->counting_mode}), std::vector<int>({c.array_length, c.index, c.mode})) << c.patch;
-        EXPECT_TRUE(log.lines().empty()) << log.all();
-        EXPECT_EQ(JsonPtr(obx_field_to_json(field)) == nullptr, c.mode == OBX_COUNTING_MODE_UNKNOWN);
+        EXPECT_EQ(log.all(), "");
         obx_type_field_definition_destroy(field);
     }
 }
@@ -175,9 +140,7 @@ TEST_F(SchemaTest, SchemaFilesLoadedOrRefusedWithTheirCause) {
     std::string many = t;  // the types array has a fixed size: a longer file is refused before anything is built
     for (int i = 0; i < OBX_MAX_TYPES; ++i) many += "," + t;
     const struct { std::string text, error; } cases[] = {  // no error: loaded
-        {doc("1.5.9", t), ""}, {doc("1.0.0", t), ""}, {doc("1.5", t), ""},
-        {doc("1.6.0", t), "Schema version 1.6.0" + incompatible}, {doc("0.5.0", t), "Schema version 0.5.0" + incompatible},
-        {doc("2.0.0", t), "Schema version 2.0.0" + incompatible}, {doc("1", t), "Schema version 1" + incompatible},
+        {doc("1.5.9", t), ""}, {doc("1.5", t), ""}, {doc("1.6.0", t), "Schema version 1.6.0" + incompatible}, {doc("2.0.0", t), "Schema version 2.0.0" + incompatible}, {doc("1", t), "Schema version 1" + incompatible},
         {"{\"provider_name\": \"p\", \"types\": []}", "Not an event schema"},  // logged as information only
         {doc("1.5.0", t + "," + type("0", kField)), "Failed to deserialize type #1 from JSON array"},  // size 0 has no line of its own
         {doc("1.5.0", type("\"4\"", kField)), "Type definition JSON does not match schema '{\"name\" : \"\", \"size\" : 0, \"fields\" : []}'"},
