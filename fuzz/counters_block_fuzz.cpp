@@ -95,10 +95,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     std::vector<uint8_t> exact(data, data + size);
     const uint8_t* block = exact.empty() ? nullptr : exact.data();
 
-    std::fflush(stdout);
-    const int saved_stdout = dup(STDOUT_FILENO);
-    const int null_fd = open("/dev/null", O_WRONLY);
-    if (saved_stdout >= 0 && null_fd >= 0) dup2(null_fd, STDOUT_FILENO);
+    const obx_fuzz::StdoutToNull quiet;
 
     for (obx_counters_schema_t* schema : {setup.ordinary, setup.hostile}) {
         setup.context->type_system->counters_schema = schema;
@@ -114,12 +111,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         obx_counters_data_print(stdout, &counters, schema);
     }
     setup.context->type_system->counters_schema = nullptr;
-
-    std::fflush(stdout);
-    if (saved_stdout >= 0) {
-        dup2(saved_stdout, STDOUT_FILENO);
-        close(saved_stdout);
-    }
-    if (null_fd >= 0) close(null_fd);
     return 0;
 }

@@ -100,10 +100,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     // A copy of exactly the input's size, so that a read past it is caught.
     std::vector<uint8_t> exact(data, data + size);
 
-    std::fflush(stdout);
-    const int saved_stdout = dup(STDOUT_FILENO);
-    const int null_fd = open("/dev/null", O_WRONLY);
-    if (saved_stdout >= 0 && null_fd >= 0) dup2(null_fd, STDOUT_FILENO);
+    const obx_fuzz::StdoutToNull quiet;
 
     for (const obx_output_format_t format :
          {OBX_OUTPUT_FORMAT_JSON, OBX_OUTPUT_FORMAT_NDJSON, OBX_OUTPUT_FORMAT_INFLUX}) {
@@ -118,12 +115,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         obx_type_system_destroy(setup.context->type_system);
         setup.context->type_system = nullptr;
     }
-
-    std::fflush(stdout);
-    if (saved_stdout >= 0) {
-        dup2(saved_stdout, STDOUT_FILENO);
-        close(saved_stdout);
-    }
-    if (null_fd >= 0) close(null_fd);
     return 0;
 }

@@ -51,16 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size > 0) std::fwrite(data, 1, size, file);
     std::fclose(file);
 
-    std::fflush(stdout);
-    const int saved_stdout = dup(STDOUT_FILENO);
-    const int null_fd = open("/dev/null", O_WRONLY);
-    if (saved_stdout >= 0 && null_fd >= 0) dup2(null_fd, STDOUT_FILENO);
+    const obx_fuzz::StdoutToNull quiet;
     obx_reader_process_file(setup.input.c_str(), &setup.options, true);
-    std::fflush(stdout);
-    if (saved_stdout >= 0) {
-        dup2(saved_stdout, STDOUT_FILENO);
-        close(saved_stdout);
-    }
-    if (null_fd >= 0) close(null_fd);
     return 0;
 }

@@ -5,6 +5,9 @@
 #include <cstdint>
 #include <cstdio>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 namespace obx_fuzz {
 
 // Log callback that formats every message, so the log arguments are exercised, and drops it.
@@ -15,5 +18,27 @@ inline void discard_log(uint32_t, const char* format, ...) {
     std::vsnprintf(text, sizeof(text), format, args);
     va_end(args);
 }
+
+// Sends standard output to /dev/null while it lives; pending output is flushed on both edges.
+class StdoutToNull {
+public:
+    StdoutToNull() : saved_((std::fflush(stdout), dup(STDOUT_FILENO))), null_(open("/dev/null", O_WRONLY)) {
+        if (saved_ >= 0 && null_ >= 0) dup2(null_, STDOUT_FILENO);
+    }
+    ~StdoutToNull() {
+        std::fflush(stdout);
+        if (saved_ >= 0) {
+            dup2(saved_, STDOUT_FILENO);
+            close(saved_);
+        }
+        if (null_ >= 0) close(null_);
+    }
+    StdoutToNull(const StdoutToNull&) = delete;
+    StdoutToNull& operator=(const StdoutToNull&) = delete;
+
+private:
+    int saved_;
+    int null_;
+};
 
 }  // namespace obx_fuzz
