@@ -35,8 +35,6 @@ constexpr size_t kCounterIndent = 20;
 
 struct CounterStep {
     const obx_counter_info_t* counter = nullptr;
-    uint64_t offset = 0;
-    uint64_t size = 0;  // bytes of the value
     int32_t data_type = 0;
     uint32_t length = 0;
     bool key_ok = false;  // the name can be a key (UTF-8)
@@ -135,8 +133,6 @@ const SchemaPlan* obx_counters_text_writer_t::plan_of(const obx_counters_schema_
             if (!counter || !counter->name) continue;  // passed over without a word
             CounterStep step;
             step.counter = counter;
-            step.offset = counter->offset;
-            step.size = obx_counter_data_type_size(counter->data_type, counter->length);
             step.data_type = counter->data_type;
             step.length = counter->length;
             const size_t name_length = std::strlen(counter->name);
@@ -167,12 +163,8 @@ const SchemaPlan* obx_counters_text_writer_t::plan_of(const obx_counters_schema_
 bool obx_counters_text_writer_t::value(TextBuffer& out, const CounterStep& step, const uint8_t* values,
                                        size_t available)
 {
-    if (step.offset + step.size > available) {
-        OBX_LOG_DBG("Counter %s at offset %u (%lu bytes) lies beyond the %zu bytes of values; left out",
-                    step.counter->name, step.counter->offset, static_cast<unsigned long>(step.size), available);
-        return false;
-    }
-    const uint8_t* value = values + step.offset;
+    const uint8_t* value = obx_counters_data_counter_value(step.counter, values, available);
+    if (!value) return false;
     switch (step.data_type) {
     case OBX_COUNTER_DATA_TYPE_UINT64:
     case OBX_COUNTER_DATA_TYPE_BIT64: {
@@ -383,11 +375,7 @@ bool obx_counters_text_writer_append(obx_counters_text_writer_t* writer, bool pr
                                      const obx_counters_data_t* block, const obx_counters_schema_t* schema)
 {
     if (!writer) return false;
-    if (!block || !block->bytes || block->size < OBX_COUNTERS_BLOCK_HEAD_SIZE) {
-        OBX_LOG_ERR("Counters block of %zu bytes is shorter than its %u-byte head", block ? block->size : 0,
-                    OBX_COUNTERS_BLOCK_HEAD_SIZE);
-        return false;
-    }
+    if (!obx_counters_data_has_head(block)) return false;
     const size_t start = writer->buffer.size();
     try {
         if (writer->plans_escape_slashes != obx_json_escape_slashes()) {

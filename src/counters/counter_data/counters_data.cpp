@@ -30,12 +30,16 @@ size_t obx_counters_data_values_size(const obx_counters_data_t* block)
     return block->size - OBX_COUNTERS_BLOCK_HEAD_SIZE;
 }
 
-namespace {
+bool obx_counters_data_has_head(const obx_counters_data_t* block)
+{
+    if (block && block->bytes && block->size >= OBX_COUNTERS_BLOCK_HEAD_SIZE) return true;
+    OBX_LOG_ERR("Counters block of %zu bytes is shorter than its %u-byte head", block ? block->size : 0,
+                OBX_COUNTERS_BLOCK_HEAD_SIZE);
+    return false;
+}
 
-// Bytes of `counter`'s value at its offset, or nullptr when the value does not lie
-// wholly within the `available` bytes of values. Offsets come from schema files and
-// the offset rule differs from the size rule, so the schema alone cannot be trusted.
-const uint8_t* counter_value(const obx_counter_info_t* counter, const uint8_t* values, size_t available)
+const uint8_t* obx_counters_data_counter_value(const obx_counter_info_t* counter, const uint8_t* values,
+                                               size_t available)
 {
     const uint64_t size = obx_counter_data_type_size(counter->data_type, counter->length);
     const uint64_t end = static_cast<uint64_t>(counter->offset) + size;
@@ -46,6 +50,8 @@ const uint8_t* counter_value(const obx_counter_info_t* counter, const uint8_t* v
     }
     return values + counter->offset;
 }
+
+namespace {
 
 // The JSON value of one counter; nullptr for a value JSON cannot hold.
 json_t* counter_value_to_json(const obx_counter_info_t* counter, const uint8_t* value)
@@ -79,7 +85,7 @@ json_t* counter_set_to_json(const obx_counter_group_t* group, const uint8_t* val
     for (uint32_t i = 0; i < group->num_counters; ++i) {
         const obx_counter_info_t* counter = group->counters ? group->counters[i] : nullptr;
         if (!counter || !counter->name) continue;
-        const uint8_t* value = counter_value(counter, values, available);
+        const uint8_t* value = obx_counters_data_counter_value(counter, values, available);
         if (!value) continue;
         // A value JSON refuses, or a name it cannot take as a key, leaves the key out.
         json_t* json_value = counter_value_to_json(counter, value);
@@ -126,11 +132,7 @@ json_t* group_to_json(const obx_counter_group_t* group, const uint8_t* values, s
 
 json_t* obx_counters_data_to_json(const obx_counters_data_t* block, const obx_counters_schema_t* schema)
 {
-    if (!block || !block->bytes || block->size < OBX_COUNTERS_BLOCK_HEAD_SIZE) {
-        OBX_LOG_ERR("Counters block of %zu bytes is shorter than its %u-byte head", block ? block->size : 0,
-                    OBX_COUNTERS_BLOCK_HEAD_SIZE);
-        return nullptr;
-    }
+    if (!obx_counters_data_has_head(block)) return nullptr;
     const uint64_t timestamp = obx_counters_data_timestamp(block);
     const uint8_t* values = obx_counters_data_values(block);
     const size_t available = obx_counters_data_values_size(block);

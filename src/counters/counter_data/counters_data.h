@@ -28,6 +28,13 @@ struct obx_counters_data_t {
 uint64_t obx_counters_data_timestamp(const obx_counters_data_t* block);
 const uint8_t* obx_counters_data_values(const obx_counters_data_t* block);
 size_t obx_counters_data_values_size(const obx_counters_data_t* block);
+// False, with the error line, for a block without a whole 16-byte head.
+bool obx_counters_data_has_head(const obx_counters_data_t* block);
+// Bytes of `counter`'s value at its offset, or nullptr (with a debug line) when the value
+// does not lie wholly within the `available` bytes of values. Offsets come from schema
+// files and the offset rule differs from the size rule, so the schema alone is not trusted.
+const uint8_t* obx_counters_data_counter_value(const obx_counter_info_t* counter, const uint8_t* values,
+                                               size_t available);
 
 // A new object {"timestamp", "@timestamp", "groups"} (json_decref), or nullptr when the
 // block has no whole head or a value cannot be made. A counter whose value lies beyond
