@@ -13,7 +13,7 @@
 #include "counters/counter_group/counter_enums.h"
 #include "counters/counter_group/counter_group.h"
 #include "counters/counter_group/counters_schema.h"
-#include "data/data_file_format.h"
+#include "data/format/data_file_format.h"
 #include "data/schema/built_in_types.h"
 #include "data/schema/schema.h"
 #include "utils/json.h"

@@ -18,7 +18,7 @@
 
 #include "bench_data.h"
 #include "counters/counter_group/counters_schema.h"
-#include "data/data_file_format.h"
+#include "data/format/data_file_format.h"
 #include "data/schema/schema_json.h"
 #include "utils/json.h"
 

@@ -9,7 +9,7 @@
 
 #include "bench_data.h"
 #include "counters/counter_data/counters_data.h"
-#include "data/event_json.h"
+#include "data/schema/event_json.h"
 #include "serializers/counters_text_writer.h"
 #include "serializers/event_text_writer.h"
 #include "serializers/influx_serializer.h"

@@ -14,9 +14,9 @@
 #include <vector>
 
 #include "counters/counter_data/counters_data.h"
-#include "data/block_dispatch.h"
-#include "data/reader_context.h"
-#include "data/type_system.h"
+#include "data/reader/block_dispatch.h"
+#include "data/reader/reader_context.h"
+#include "data/schema/type_system.h"
 #include "tools/read_options.h"
 #include "utils/logger.h"
 #include "fuzz_support.h"

@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <vector>
 
-#include "data/data_file_format.h"
-#include "data/encoded_payload.h"
+#include "data/format/data_file_format.h"
+#include "data/format/encoded_payload.h"
 #include "utils/logger.h"
 #include "fuzz_support.h"
 

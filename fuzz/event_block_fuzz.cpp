@@ -12,9 +12,9 @@
 #include <cstring>
 #include <vector>
 
-#include "data/block_dispatch.h"
-#include "data/reader_context.h"
-#include "data/type_system.h"
+#include "data/reader/block_dispatch.h"
+#include "data/reader/reader_context.h"
+#include "data/schema/type_system.h"
 #include "serializers/event_text_writer.h"
 #include "tools/read_options.h"
 #include "utils/logger.h"

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "data/event_json.h"
+#include "data/schema/event_json.h"
 #include "data/schema/built_in_types.h"
 #include "data/schema/schema.h"
 #include "serializers/event_text_writer.h"

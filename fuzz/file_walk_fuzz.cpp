@@ -11,7 +11,7 @@
 #include <cstring>
 #include <string>
 
-#include "data/reader_context.h"
+#include "data/reader/reader_context.h"
 #include "tools/read_options.h"
 #include "utils/logger.h"
 #include "fuzz_support.h"

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "data/data_file_format.h"
+#include "data/format/data_file_format.h"
 #include "utils/logger.h"
 
 #define PARSER_LOG "[obx metrics parser] "

@@ -2,7 +2,7 @@
 
 #include <stdexcept>
 
-#include "data/data_file_format.h"
+#include "data/format/data_file_format.h"
 #include "utils/logger.h"
 
 #define LABELS_LOG "[obx labels block] "

@@ -5,9 +5,9 @@
 #include <memory>
 #include <stdexcept>
 
-#include "data/reader_context.h"
+#include "data/reader/reader_context.h"
 #include "serializers/json_output.h"
-#include "tools/read_options.h"
+#include "data/reader/reader_options.h"
 #include "utils/json.h"
 #include "utils/logger.h"
 #include "utils/time_text.h"

@@ -14,7 +14,7 @@
 #include "counters/counter_group/counter_info.h"
 #include "counters/counter_group/counters_provider.h"
 #include "counters/counter_group/counters_schema.h"
-#include "data/data_file_format.h"
+#include "data/format/data_file_format.h"
 #include "serializers/text_buffer.h"
 #include "utils/json.h"
 #include "utils/logger.h"

@@ -11,7 +11,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "data/data_file_format.h"
+#include "data/format/data_file_format.h"
 #include "data/schema/built_in_types.h"
 #include "data/schema/type_definition.h"
 #include "serializers/text_buffer.h"

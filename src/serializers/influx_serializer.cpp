@@ -7,7 +7,7 @@
 #include <exception>
 #include <stdexcept>
 
-#include "data/data_file_format.h"
+#include "data/format/data_file_format.h"
 #include "data/schema/built_in_types.h"
 #include "data/schema/type_definition.h"
 

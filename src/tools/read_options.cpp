@@ -12,62 +12,11 @@
 #include <cstring>
 #include <string>
 
+#include "data/reader/input_files.h"
 #include "tools/build_info.h"
 #include "utils/logger.h"
 #include "utils/number_parse.h"
 #include "utils/version.h"
-
-const obx_name_table_t obx_output_format_names[] = {
-    {OBX_OUTPUT_FORMAT_JSON, "json"},     {OBX_OUTPUT_FORMAT_NDJSON, "ndjson"},
-    {OBX_OUTPUT_FORMAT_TXT, "txt"},       {OBX_OUTPUT_FORMAT_CSV, "csv"},
-    {OBX_OUTPUT_FORMAT_INFLUX, "influx"}, {OBX_OUTPUT_FORMAT_BIN, "bin"},
-    {0, nullptr},
-};
-
-const char* obx_output_format_to_string(int32_t format)
-{
-    return obx_enum_to_string(obx_output_format_names, format);
-}
-
-int32_t obx_output_format_from_string(const char* text)
-{
-    return obx_enum_from_string(obx_output_format_names, text);
-}
-
-// Paths built while walking folders are limited as a PATH_MAX buffer would limit them.
-static const size_t kPathLimit = 4096;
-
-bool obx_read_options_init(obx_read_options_t* options)
-{
-    options->verbosity = OBX_READ_DEFAULT_VERBOSITY;
-    options->format = OBX_OUTPUT_FORMAT_JSON;
-    options->schema_path = strdup(OBX_READ_SCHEMA_FOLDER);
-    options->output_dir = strdup("output");
-    options->data_files = obx_string_array_create();
-    options->timestamp_gt = 0;
-    options->timestamp_lt = UINT64_MAX;
-    options->include_counters = obx_string_array_create();
-    options->exclude_counters = obx_string_array_create();
-    options->print_headers = false;
-    options->data_dir = nullptr;
-    options->sort_files = false;
-    options->sort_order = nullptr;
-    return options->schema_path && options->output_dir && options->data_files && options->include_counters &&
-           options->exclude_counters;
-}
-
-void obx_read_options_release(obx_read_options_t* options)
-{
-    if (!options) return;
-    free(options->schema_path);
-    free(options->output_dir);
-    free(options->data_dir);
-    free(options->sort_order);
-    obx_string_array_destroy(options->data_files);
-    obx_string_array_destroy(options->include_counters);
-    obx_string_array_destroy(options->exclude_counters);
-    std::memset(options, 0, sizeof(*options));
-}
 
 void obx_read_print_usage(void)
 {
@@ -102,64 +51,6 @@ void obx_read_print_usage(void)
                 format_name ? format_name : "");
     std::printf("\n");
     obx_read_options_release(&defaults);
-}
-
-char* obx_read_find_folder_upwards(const char* path, const char* folder_name, int levels)
-{
-    if (!path || !folder_name) return nullptr;
-    // dirname may write into its argument, so it only ever sees private copies.
-    std::string directory = path;
-    directory = dirname(&directory[0]);
-    for (int level = 0; level < levels; ++level) {
-        if (directory == "/") break;  // the root is never searched
-        const std::string candidate = directory + "/" + folder_name;
-        if (candidate.size() >= kPathLimit) break;
-        if (access(candidate.c_str(), F_OK) == 0) return strdup(candidate.c_str());
-        std::string parent = directory;
-        directory = dirname(&parent[0]);
-    }
-    return nullptr;
-}
-
-bool obx_read_collect_directory(obx_read_options_t* options, const char* path)
-{
-    DIR* directory = opendir(path);
-    if (!directory) {
-        std::fprintf(stderr, "Failed to open directory '%s': %s\n", path, std::strerror(errno));
-        return false;
-    }
-    bool ok = true;
-    while (struct dirent* entry = readdir(directory)) {
-        if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) continue;
-        const std::string entry_path = std::string(path) + "/" + entry->d_name;
-        if (entry_path.size() >= kPathLimit) {
-            // A link cycle ends here too: each round makes the path longer.
-            std::fprintf(stderr, "Path '%s' is too long\n", entry_path.c_str());
-            ok = false;
-            break;
-        }
-        struct stat info;
-        if (stat(entry_path.c_str(), &info) != 0) {
-            std::fprintf(stderr, "Failed to stat path '%s': %s\n", entry_path.c_str(), std::strerror(errno));
-            ok = false;
-            break;
-        }
-        if (S_ISREG(info.st_mode)) {
-            if (!obx_string_array_append(&options->data_files, entry_path.c_str())) {
-                std::fprintf(stderr, "Failed appending '%s' to the list of counters: %s\n", entry_path.c_str(),
-                             std::strerror(errno));
-                ok = false;
-                break;
-            }
-        } else if (S_ISDIR(info.st_mode)) {
-            if (!obx_read_collect_directory(options, entry_path.c_str())) {
-                ok = false;
-                break;
-            }
-        }
-    }
-    closedir(directory);
-    return ok;
 }
 
 static void replace_text(char** field, const char* text)
@@ -284,7 +175,7 @@ obx_read_parse_result_t obx_read_options_parse_command_line(obx_read_options_t* 
             return OBX_READ_PARSE_FAILED;
         }
     }
-    if (options->data_dir && !obx_read_collect_directory(options, options->data_dir)) return OBX_READ_PARSE_FAILED;
+    if (options->data_dir && !obx_read_collect_directory(&options->data_files, options->data_dir)) return OBX_READ_PARSE_FAILED;
 
     if (options->include_counters->count == 0 && !obx_string_array_append(&options->include_counters, "*")) {
         std::fprintf(stderr, "Failed setting default list of type names: %s", std::strerror(errno));

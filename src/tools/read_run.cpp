@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "data/reader_context.h"
+#include "data/reader/reader_context.h"
 #include "tools/file_sort.h"
 #include "tools/read_options.h"
 #include "utils/env.h"

@@ -7,7 +7,7 @@
 #include <ctime>
 #include <set>
 
-#include "data/reader_context.h"
+#include "data/reader/reader_context.h"
 #include "fixtures/cntx_tables.h"
 #include "fixtures/data_file_builder.h"
 #include "fixtures/json_value.h"

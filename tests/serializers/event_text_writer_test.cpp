@@ -15,7 +15,7 @@
 #include <tuple>
 #include <vector>
 
-#include "data/event_json.h"
+#include "data/schema/event_json.h"
 #include "data/schema/built_in_types.h"
 #include "data/schema/schema.h"
 #include "fixtures/byte_writer.h"

@@ -6,7 +6,7 @@
 #include <ctime>
 
 #include "counters/counter_group/counter_enums.h"
-#include "data/data_file_format.h"
+#include "data/format/data_file_format.h"
 #include "utils/json.h"
 #include "utils/logger.h"
 #include "utils/text.h"

@@ -1,4 +1,4 @@
-#include "data/type_system.h"
+#include "data/schema/type_system.h"
 
 #include <cerrno>
 #include <cstdlib>

@@ -1,9 +1,9 @@
-#include "data/event_json.h"
+#include "data/schema/event_json.h"
 
 #include <cctype>
 #include <cstdlib>
 
-#include "data/data_file_format.h"
+#include "data/format/data_file_format.h"
 #include "data/schema/built_in_types.h"
 #include "data/schema/type_definition.h"
 #include "utils/json.h"

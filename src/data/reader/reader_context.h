@@ -8,7 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "data/data_file_format.h"
+#include "data/format/data_file_format.h"
 
 struct obx_read_options_t;
 struct obx_type_system_t;

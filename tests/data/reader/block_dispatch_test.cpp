@@ -2,7 +2,7 @@
 // output of each format, schemas blocks, event counts, buffer ends and unknown blocks. Buffers
 // are handed over in allocations of exactly their size. The type filter, -p and the time
 // window are run through obx_read in tests/tools/export_test.cpp.
-#include "data/block_dispatch.h"
+#include "data/reader/block_dispatch.h"
 
 #include <gtest/gtest.h>
 
@@ -10,9 +10,9 @@
 #include <cstring>
 #include <optional>
 
-#include "data/reader_context.h"
-#include "data/reader_type_system.h"
-#include "data/type_system.h"
+#include "data/reader/reader_context.h"
+#include "data/reader/reader_type_system.h"
+#include "data/schema/type_system.h"
 #include "fixtures/data_file_builder.h"
 #include "fixtures/log_capture.h"
 #include "fixtures/schema_builder.h"

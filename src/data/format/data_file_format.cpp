@@ -1,4 +1,4 @@
-#include "data/data_file_format.h"
+#include "data/format/data_file_format.h"
 
 #include <cstdlib>
 

@@ -1,16 +1,16 @@
-#include "data/reader_type_system.h"
+#include "data/reader/reader_type_system.h"
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
 #include "counters/counter_group/counters_schema.h"
-#include "data/reader_context.h"
+#include "data/reader/reader_context.h"
 #include "data/schema/schema_json.h"
-#include "data/type_system.h"
+#include "data/schema/type_system.h"
 #include "serializers/counters_text_writer.h"
 #include "serializers/event_text_writer.h"
-#include "tools/read_options.h"
+#include "data/reader/reader_options.h"
 #include "utils/logger.h"
 #include "utils/text.h"
 

@@ -10,7 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "data/data_file_format.h"
+#include "data/format/data_file_format.h"
 
 // The fixed part of an encoded header, decoded. The source strings follow at
 // OBX_ENC_SOURCE_ID and are read by obx_obxp_header_get_source.

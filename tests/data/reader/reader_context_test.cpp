@@ -1,8 +1,8 @@
 // The data file format (header, block heads, encoded pages) and the life of one input file: header checks, the JSON frame, the chunk walk and the
 // page walk, on files laid out by the fixture builders.
-#include "data/reader_context.h"
-#include "data/data_file_format.h"
-#include "data/encoded_payload.h"
+#include "data/reader/reader_context.h"
+#include "data/format/data_file_format.h"
+#include "data/format/encoded_payload.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "data/encoded_payload.h"
+#include "data/format/encoded_payload.h"
 
 #include <snappy-c.h>
 #include <zlib.h>

@@ -1,18 +1,18 @@
-#include "data/block_dispatch.h"
+#include "data/reader/block_dispatch.h"
 
 #include <cstdio>
 #include <cstring>
 
 #include "counters/counter_data/counters_data.h"
-#include "data/data_file_format.h"
-#include "data/reader_context.h"
-#include "data/reader_type_system.h"
+#include "data/format/data_file_format.h"
+#include "data/reader/reader_context.h"
+#include "data/reader/reader_type_system.h"
 #include "data/schema/schema.h"
-#include "data/type_system.h"
+#include "data/schema/type_system.h"
 #include "metrics/metrics_output.h"
 #include "serializers/counters_text_writer.h"
 #include "serializers/event_text_writer.h"
-#include "tools/read_options.h"
+#include "data/reader/reader_options.h"
 #include "utils/logger.h"
 #include "utils/string_array.h"
 

@@ -1,4 +1,4 @@
-#include "data/reader_context.h"
+#include "data/reader/reader_context.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -7,13 +7,13 @@
 #include <cstring>
 #include <string>
 
-#include "data/block_dispatch.h"
-#include "data/encoded_payload.h"
-#include "data/reader_type_system.h"
-#include "data/type_system.h"
+#include "data/reader/block_dispatch.h"
+#include "data/format/encoded_payload.h"
+#include "data/reader/reader_type_system.h"
+#include "data/schema/type_system.h"
 #include "serializers/counters_text_writer.h"
 #include "serializers/event_text_writer.h"
-#include "tools/read_options.h"
+#include "data/reader/reader_options.h"
 #include "utils/logger.h"
 
 static obx_reader_buffer_handler_t g_buffer_handler = nullptr;
