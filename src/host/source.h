@@ -5,8 +5,10 @@
 #include <cstddef>
 #include <cstdint>
 
-#define OBX_SOURCE_ID_SIZE 64   // 63 characters and the terminating zero
-#define OBX_SOURCE_TAG_SIZE 16  // 15 characters and the terminating zero
+// OBX_SOURCE_ID_SIZE (64: 63 characters and a zero) and OBX_SOURCE_TAG_SIZE (16), as in
+// a data file's header.
+#include "data/format/data_file_format.h"
+
 #define OBX_SOURCE_ARRAY_MAX 65534
 
 struct obx_source_t {

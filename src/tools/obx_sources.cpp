@@ -29,7 +29,7 @@ static int run_sources(int argc, char** argv)
     if (optind + 1 != argc) return obx_command_usage_error(&obx_command_sources, "one source specification is needed");
     if (std::string(tag).size() >= OBX_SOURCE_TAG_SIZE)
         return obx_command_usage_error(&obx_command_sources, "tag '%s' is longer than %d characters", tag,
-                                       OBX_SOURCE_TAG_SIZE - 1);
+                                       static_cast<int>(OBX_SOURCE_TAG_SIZE - 1));
 
     obx_source_array_t* sources = obx_source_array_from_spec(argv[optind]);
     if (!sources) return OBX_EXIT_FAILURE;
