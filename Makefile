@@ -4,8 +4,10 @@ SAN_DIR      ?= build/sanitize
 JOBS         ?= $(shell nproc 2>/dev/null || echo 2)
 BENCH_DATA   ?= $(HOME)/.cache/obx_read_bench
 CMAKE_FLAGS  ?=
+PREFIX       ?= /usr/local
+DESTDIR      ?=
 
-.PHONY: all deps configure build run test sanitize bench clean
+.PHONY: all deps configure build run test sanitize bench install clean
 
 all: build
 
@@ -23,8 +25,10 @@ configure: $(BUILD_DIR)/CMakeCache.txt
 build: deps $(BUILD_DIR)/CMakeCache.txt
 	cmake --build $(BUILD_DIR) -j $(JOBS)
 
-run: build
-	./scripts/run-example.sh $(BUILD_DIR)/obx_read
+# Builds only the two programs it runs, not the tests, fuzz targets and benchmarks.
+run: deps $(BUILD_DIR)/CMakeCache.txt
+	cmake --build $(BUILD_DIR) -j $(JOBS) --target obx_read obx_command
+	./scripts/run-example.sh $(BUILD_DIR)/obx_read $(BUILD_DIR)/obx
 
 test: build
 	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS)
@@ -35,6 +39,12 @@ sanitize: deps $(SAN_DIR)/CMakeCache.txt
 
 bench: build
 	./scripts/bench.sh $(BUILD_DIR) $(BENCH_DATA)
+
+# obx_read, obx, libobx.a with its headers, obx.pc, the CMake package and the man pages,
+# below $(DESTDIR)$(PREFIX).
+install: deps $(BUILD_DIR)/CMakeCache.txt
+	cmake --build $(BUILD_DIR) -j $(JOBS) --target obx obx_read obx_command
+	DESTDIR="$(DESTDIR)" cmake --install $(BUILD_DIR) --prefix "$(PREFIX)"
 
 clean:
 	rm -rf build
