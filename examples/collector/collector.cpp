@@ -15,6 +15,7 @@
 #include "data/schema/built_in_types.h"
 #include "data/schema/schema.h"
 #include "data/schema/schema_json.h"
+#include "data/writer/schema_writer.h"
 #include "host/source.h"
 #include "utils/json.h"
 #include "utils/version.h"
@@ -38,7 +39,8 @@ bool write_file(const std::string& path, const void* data, size_t size) {
     return std::fclose(file) == 0 && ok;
 }
 
-// The schema file, named by the digest of its pretty text; `id` receives the digest.
+// The schema file, laid down by the schema writer under the digest of its text, which
+// `id` receives for the data file's header.
 bool write_schema(const std::string& folder, uint8_t id[OBX_SCHEMA_ID_SIZE]) {
     obx_schema_t* built_ins = obx_schema_create("built-in", 0);
     obx_schema_t* schema = obx_schema_create("example_collector", obx_version_make(1, 0, 0));
@@ -49,16 +51,13 @@ bool write_schema(const std::string& folder, uint8_t id[OBX_SCHEMA_ID_SIZE]) {
         {"cpu", "processor number", "uint32_t", OBX_COUNTING_MODE_ABSOLUTE, 1},
         {"load", "busy share of the last second", "double", OBX_COUNTING_MODE_ABSOLUTE, 1},
     };
-    bool ok = obx_schema_add_type(schema, "cpu_sample", fields, 3, nullptr) == OBX_SCHEMA_OK;
-    json_t* value = ok ? obx_schema_to_json(schema) : nullptr;
-    char* text = value ? obx_json_serialize_to_string_pretty(value) : nullptr;
-    ok = text && obx_md5_compute(text, std::strlen(text), id);
-    if (ok) {
-        char hex[33];
-        obx_md5_to_hex_into(id, hex);
-        ok = write_file(folder + "/schema_" + hex + ".json", text, std::strlen(text));
-    }
-    obx_json_free_serialized_string(text);
+    json_t* value = obx_schema_add_type(schema, "cpu_sample", fields, 3, nullptr) == OBX_SCHEMA_OK
+                        ? obx_schema_to_json(schema)
+                        : nullptr;
+    obx_schema_writer_t* writer = obx_schema_writer_create();
+    const bool ok = value && writer && obx_schema_writer_set_schema_path(writer, folder.c_str()) &&
+                    obx_schema_writer_on_schema(writer, value) && writer->ok && obx_json_md5(id, value);
+    obx_schema_writer_destroy(writer);
     json_decref(value);
     obx_schema_destroy(schema);
     obx_schema_destroy(built_ins);
@@ -80,7 +79,6 @@ int main(int argc, char** argv) {
     }
     obx_json_set_escape_slashes(0);
     mkdir(out.c_str(), 0755);
-    mkdir((out + "/schema").c_str(), 0755);
     mkdir((out + "/data").c_str(), 0755);
 
     uint8_t schema_id[OBX_SCHEMA_ID_SIZE];

@@ -3,4 +3,5 @@
 
 #define OBX_COMMANDS(X) \
     X(help)             \
-    X(sources)
+    X(sources)          \
+    X(schema)
