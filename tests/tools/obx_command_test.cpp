@@ -1,11 +1,14 @@
 #include "tools/obx_command.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -102,4 +105,35 @@ TEST(ObxCommand, InputsAndSchemaFolder) {
     files = nullptr;
     EXPECT_FALSE(obx_command_collect_inputs(&files, 0, nullptr, dir.file("missing").c_str()));
     obx_string_array_destroy(files);
+}
+
+// "-" is standard input, kept in a temporary file for as long as the input lives.
+TEST(ObxCommand, StandardInputBecomesAFileForReadersOfPaths) {
+    const std::string bytes = std::string("OBXF\0\1binary", 12) + std::string(70000, 'z');  // more than one read
+    const int saved = dup(STDIN_FILENO);
+    int pipe_ends[2];
+    ASSERT_EQ(pipe(pipe_ends), 0);
+    ASSERT_EQ(dup2(pipe_ends[0], STDIN_FILENO), STDIN_FILENO);
+    close(pipe_ends[0]);
+    const pid_t writer = fork();
+    if (writer == 0) {
+        const ssize_t put = write(pipe_ends[1], bytes.data(), bytes.size());
+        _exit(put == static_cast<ssize_t>(bytes.size()) ? 0 : 1);
+    }
+    close(pipe_ends[1]);
+    std::string kept;
+    {
+        obx_command_input_t input("-");
+        kept = input.path();
+        ASSERT_FALSE(kept.empty());
+        std::ifstream in(kept, std::ios::binary);
+        EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()), bytes);
+    }
+    EXPECT_FALSE(std::filesystem::exists(kept));
+    waitpid(writer, nullptr, 0);
+    dup2(saved, STDIN_FILENO);
+    close(saved);
+
+    obx_command_input_t named("some/file.bin");
+    EXPECT_EQ(named.path(), "some/file.bin");
 }
