@@ -50,20 +50,23 @@ void check_range(const std::string& text) {
 }
 
 std::vector<std::string> expected_ids(const std::string& content) {
-    std::vector<std::string> lines;
+    std::vector<std::string> firsts;  // the first piece of each line, cut at '\r' and at a NUL
     bool node_list = false;
     for (size_t start = 0; start < content.size();) {
         size_t end = content.find('\n', start);
-        end = end == std::string::npos ? content.size() : end + 1;
-        const std::string line = content.substr(start, end - start);  // with its newline
-        for (size_t piece = 0; piece < line.size(); piece += kPiece)
-            if (line.find("H-", piece) < piece + kPiece - 1 || line.find("S-", piece) < piece + kPiece - 1) node_list = true;
-        std::string first = line.substr(0, kPiece);
-        lines.push_back(first.substr(0, first.find_first_of("\r\n")));
-        start = end;
+        const size_t next = end == std::string::npos ? content.size() : end + 1;
+        if (end == std::string::npos) end = content.size();
+        const std::string line = content.substr(start, end - start);
+        for (size_t piece = 0; piece < line.size(); piece += kPiece) {
+            const std::string text = line.substr(piece, kPiece);
+            if (text.find("H-") != std::string::npos || text.find("S-") != std::string::npos) node_list = true;
+        }
+        const std::string first = line.substr(0, kPiece);
+        firsts.push_back(std::string(first.substr(0, first.find('\r')).c_str()));
+        start = next;
     }
     std::vector<std::string> ids;
-    for (const std::string& line : lines) {
+    for (const std::string& line : firsts) {
         std::string id = line;
         if (node_list) {
             const size_t open = line.find('(');
@@ -78,9 +81,7 @@ std::vector<std::string> expected_ids(const std::string& content) {
     return ids;
 }
 
-void check_file(std::string content) {
-    for (char& c : content)
-        if (c == '\0') c = ' ';  // the reader takes lines as C texts
+void check_file(const std::string& content) {
     char path[] = "/tmp/obx_source_fuzz_XXXXXX";
     const int fd = mkstemp(path);
     if (fd < 0) return;

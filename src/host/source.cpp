@@ -14,8 +14,9 @@
 
 namespace {
 
-// Pieces in which spec files are read; a longer line is taken by its first piece only.
-constexpr size_t kLinePiece = 1024;
+// Lines of spec files are looked at in pieces of this many characters; of a longer line
+// only the first piece gives a source.
+constexpr size_t kLinePiece = 1023;
 
 // OBX_HOST_NAME as it stands, else the system's name cut at its first dot.
 bool local_host_name(char* buffer, size_t size) {
@@ -50,26 +51,45 @@ bool add_new(obx_source_array_t* array, const char* id, const char* spec) {
     return true;
 }
 
-// Reads `file` piece by piece and hands the first piece of each line, without its line
-// end, to `take`; false when reading fails or `take` refuses.
-template <class Take>
-bool for_each_line(FILE* file, const char* path, Take&& take) {
-    char piece[kLinePiece];
-    bool line_start = true;
-    while (std::fgets(piece, sizeof(piece), file)) {
-        const size_t length = std::strlen(piece);
-        const bool ends_line = length > 0 && piece[length - 1] == '\n';
-        if (line_start) {
-            piece[std::strcspn(piece, "\r\n")] = '\0';
+// Reads `file` line by line and hands the first piece of each line, without its line
+// end, as a C text to `take`; `piece_seen` gets every piece whole, NUL bytes included.
+// False when reading fails or `take` refuses.
+template <class Take, class See>
+bool for_each_line(FILE* file, const char* path, Take&& take, See&& piece_seen) {
+    char piece[kLinePiece + 1];
+    size_t length = 0;
+    bool first_piece = true;
+    for (int c; (c = getc_unlocked(file)) != EOF;) {
+        if (c != '\n') piece[length++] = static_cast<char>(c);
+        if (c != '\n' && length < kLinePiece) continue;
+        piece[length] = '\0';
+        piece_seen(piece, length);
+        if (first_piece) {
+            piece[std::strcspn(piece, "\r")] = '\0';
             if (!take(piece)) return false;
         }
-        line_start = ends_line;
+        first_piece = c == '\n';
+        length = 0;
+    }
+    if (length > 0) {
+        piece[length] = '\0';
+        piece_seen(piece, length);
+        if (first_piece) {
+            piece[std::strcspn(piece, "\r")] = '\0';
+            if (!take(piece)) return false;
+        }
     }
     if (std::ferror(file)) {
         OBX_LOG_ERR("[source] Failed to read file %s: %s", path, std::strerror(errno));
         return false;
     }
     return true;
+}
+
+bool holds_node_marker(const char* piece, size_t length) {
+    for (size_t i = 0; i + 1 < length; ++i)
+        if ((piece[i] == 'H' || piece[i] == 'S') && piece[i + 1] == '-') return true;
+    return false;
 }
 
 // A node list names hosts "H-..." and switches "S-..." somewhere in its lines.
@@ -79,14 +99,12 @@ int file_is_fabprobe(const char* path) {
         OBX_LOG_ERR("[source] Failed to open file: %s", path);
         return -1;
     }
-    char piece[kLinePiece];
-    int found = 0;
-    while (!found && std::fgets(piece, sizeof(piece), file))
-        found = std::strstr(piece, "H-") || std::strstr(piece, "S-");
-    const bool failed = std::ferror(file) != 0;
-    if (failed) OBX_LOG_ERR("[source] Failed to read file %s: %s", path, std::strerror(errno));
+    bool found = false;
+    const bool read = for_each_line(
+        file, path, [](const char*) { return true; },
+        [&](const char* piece, size_t length) { found = found || holds_node_marker(piece, length); });
     std::fclose(file);
-    return failed ? -1 : found;
+    return read ? found : -1;
 }
 
 // Each line with a word in round brackets gives that word; other lines give nothing.
@@ -102,7 +120,7 @@ bool read_fabprobe(obx_source_array_t* array, const char* path) {
         if (!close) return true;
         *close = '\0';
         return add_new(array, open + 1, path);
-    });
+    }, [](const char*, size_t) {});
     std::fclose(file);
     return ok;
 }
@@ -113,7 +131,9 @@ bool read_text_file(obx_source_array_t* array, const char* path) {
         OBX_LOG_ERR("[source] Failed to open text file: %s", path);
         return false;
     }
-    const bool ok = for_each_line(file, path, [&](char* line) { return line[0] == '\0' || add_new(array, line, path); });
+    const bool ok = for_each_line(
+        file, path, [&](char* line) { return line[0] == '\0' || add_new(array, line, path); },
+        [](const char*, size_t) {});
     std::fclose(file);
     return ok;
 }
@@ -295,8 +315,9 @@ obx_source_array_t* obx_source_array_from_spec(const char* text) {
     struct stat status;
     if (stat(text, &status) != 0) {
         ok = read_range(array, text);
-    } else if (S_ISDIR(status.st_mode)) {
-        OBX_LOG_ERR("[source] Failed to open file: %s (a folder)", text);
+    } else if (!S_ISREG(status.st_mode)) {
+        // A device or pipe may never end.
+        OBX_LOG_ERR("[source] Failed to open file: %s (not a regular file)", text);
     } else {
         const int fabprobe = file_is_fabprobe(text);
         if (fabprobe >= 0) ok = fabprobe ? read_fabprobe(array, text) : read_text_file(array, text);

@@ -141,13 +141,16 @@ TEST(Source, FilesOfNodeListsAndOfIds) {
         {"ids", "alpha\n\nbeta\r\ngamma", {"alpha", "beta", "gamma"}},
         {"ids_words", "(node01)\n", {"(node01)"}},  // brackets alone do not make a node list
         {"ids_long", long_line + "z\n", {std::string(63, 'L'), "z"}},  // a long line gives one id, cut
+        {"ids_nul", std::string("a\0b\n\0c\nd", 9), {"a", "d"}},  // a NUL ends the id; the line goes on
+        {"fabprobe_piece", std::string(1021, 'x') + "H-\n(n1)\n", {"n1"}},
+        {"ids_piece", std::string(1022, 'x') + "H-\n(n1)\n", {std::string(63, 'x'), "(n1)"}},  // "H-" across two pieces
         {"empty", "", {}},
     };
     for (const auto& row : rows) EXPECT_EQ(ids_of(write_file(dir, row.name, row.content)), row.ids) << row.name;
 
     obx_test::LogCapture capture(OBX_LOG_DEBUG);
     EXPECT_EQ(ids_of(dir.path()), (Texts{"<none>"}));
-    EXPECT_EQ(capture.at(OBX_LOG_ERROR), (Texts{"[source] Failed to open file: " + dir.path() + " (a folder)"}));
+    EXPECT_EQ(capture.at(OBX_LOG_ERROR), (Texts{"[source] Failed to open file: " + dir.path() + " (not a regular file)"}));
 }
 
 TEST(Source, RecordsArraysAndText) {
