@@ -9,7 +9,11 @@
 
 #include "data/reader/block_dispatch.h"
 #include "data/format/encoded_payload.h"
+#include "data/reader/page_export.h"
 #include "data/reader/reader_type_system.h"
+#include "data/writer/data_page.h"
+#include "data/writer/data_writer.h"
+#include "host/client_id.h"
 #include "data/schema/type_system.h"
 #include "serializers/counters_text_writer.h"
 #include "serializers/event_text_writer.h"
@@ -70,14 +74,24 @@ obx_reader_context_t* obx_reader_open(const char* path, obx_read_options_t* opti
         return nullptr;
     }
     context->records_printed = 0;
-    // Format bin gets its client id and data writer here once the re-export is wired in;
-    // until then a page met in that format fails the file (see the page walk).
+    if (options && options->format == OBX_OUTPUT_FORMAT_BIN) {
+        // Null results are not checked here: a missing writer fails the first page.
+        context->client_id = obx_client_id_create();
+        if (context->client_id) {
+            context->data_writer = obx_data_writer_create(context->client_id);
+            obx_data_writer_set_base_path(context->data_writer, options->output_dir);
+        }
+    }
     return context;
 }
 
 void obx_reader_close(obx_reader_context_t* context)
 {
     if (!context) return;
+    obx_data_writer_destroy(context->data_writer);
+    context->data_writer = nullptr;
+    obx_data_page_destroy(context->export_page);
+    context->export_page = nullptr;
     free(context->client_id);
     context->client_id = nullptr;
     obx_event_text_writer_destroy(context->event_writer);
@@ -222,8 +236,9 @@ bool obx_reader_walk_pages(obx_reader_context_t* context, const uint8_t* chunk, 
         bool status = obx_encoded_decode_into(encoded_header, encoded_size, buffer, decoded_size);
         if (status) {
             if (context->options->format == OBX_OUTPUT_FORMAT_BIN) {
-                OBX_LOG_ERR("binary re-export is not supported yet");
-                status = false;
+                status = obx_reader_page_prepare(&context->export_page, decoded_size) &&
+                         obx_reader_page_write(context, buffer, decoded_size, encoded_header, encoded_size,
+                                               context->export_page);
             } else {
                 status = hand_on(context, buffer, decoded_size, true);
             }
@@ -284,6 +299,8 @@ bool obx_reader_walk_blocks(obx_reader_context_t* context)
         if (!ok) break;
     }
     free(chunk);
+    obx_data_page_destroy(context->export_page);
+    context->export_page = nullptr;
     return ok;
 }
 

@@ -13,6 +13,7 @@
 struct obx_read_options_t;
 struct obx_type_system_t;
 struct obx_client_id_t;
+struct obx_data_page_t;
 struct obx_event_text_writer_t;
 struct obx_counters_text_writer_t;
 namespace obx {
@@ -29,6 +30,7 @@ struct obx_reader_context_t {
     uint64_t records_printed;         // records and blocks handed to output in this file
     obx_client_id_t* client_id;       // format bin only, owned
     obx::DataWriter* data_writer;     // format bin only, owned
+    obx_data_page_t* export_page;     // format bin only: the page reused for each buffer, owned
     obx_event_text_writer_t* event_writer;        // text of events, owned; made on the first event
     obx_counters_text_writer_t* counters_writer;  // text of counter blocks, owned; made on the first
 };
