@@ -1,7 +1,6 @@
 #include "host/source.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -9,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "host/client_id.h"
 #include "utils/logger.h"
 #include "utils/number_parse.h"
 
@@ -17,20 +17,6 @@ namespace {
 // Lines of spec files are looked at in pieces of this many characters; of a longer line
 // only the first piece gives a source.
 constexpr size_t kLinePiece = 1023;
-
-// OBX_HOST_NAME as it stands, else the system's name cut at its first dot.
-bool local_host_name(char* buffer, size_t size) {
-    const char* preset = std::getenv("OBX_HOST_NAME");
-    if (preset) {
-        std::snprintf(buffer, size, "%s", preset);
-        return true;
-    }
-    if (gethostname(buffer, size - 1) != 0) return false;
-    buffer[size - 1] = '\0';
-    char* dot = std::strchr(buffer, '.');
-    if (dot) *dot = '\0';
-    return true;
-}
 
 void copy_cut(char* target, size_t size, const char* text) {
     std::memset(target, 0, size);
@@ -206,7 +192,7 @@ bool obx_source_default_id(char buffer[OBX_SOURCE_ID_SIZE], const char* id) {
         copy_cut(buffer, OBX_SOURCE_ID_SIZE, id);
         return true;
     }
-    if (!local_host_name(buffer, OBX_SOURCE_ID_SIZE)) {
+    if (!obx_get_host_name(buffer, OBX_SOURCE_ID_SIZE)) {
         OBX_LOG_ERR("[source] Failed to get host name: %s", std::strerror(errno));
         std::memset(buffer, 0, OBX_SOURCE_ID_SIZE);
         return false;

@@ -6,13 +6,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <new>
 #include <stdexcept>
 
 #include "data/schema/schema_json.h"
+#include "data/writer/path_template.h"
 #include "utils/env.h"
 #include "utils/json.h"
 #include "utils/logger.h"
@@ -48,23 +48,6 @@ bool version_supported(uint32_t version) {
 bool has_groups(const json_t* counters_schema) {
     const json_t* groups = obx_json_object_get_array(counters_schema, "counter_groups");
     return groups && json_array_size(groups) > 0;
-}
-
-// Fills "{{key}}" marks of `text` whose key is in `keys`; other marks stay as written.
-std::string expand_template(const std::string& text, const std::map<std::string, std::string>& keys) {
-    std::string result;
-    size_t position = 0;
-    for (;;) {
-        const size_t open = text.find("{{", position);
-        const size_t close = open == std::string::npos ? open : text.find("}}", open);
-        if (close == std::string::npos) break;
-        result.append(text, position, open - position);
-        const std::string key = text.substr(open + 2, close - open - 2);
-        position = close + 2;
-        const auto found = keys.find(key);
-        result += found != keys.end() ? found->second : "{{" + key + "}}";
-    }
-    return result.append(text, position, std::string::npos);
 }
 
 struct SerializedText {
@@ -163,7 +146,7 @@ void SchemaWriter::saveSchema(const json_t* value) {
 }
 
 std::string SchemaWriter::schemaFilePath(const std::string& id) const {
-    const std::string name = expand_template(kFileTemplate, {{"id", id}});
+    const std::string name = obx_template_expand(kFileTemplate, {{"id", id}});
     boost::filesystem::path folder = schema_path.empty()
                                          ? boost::filesystem::absolute(data_path) / kSchemaFolder
                                          : boost::filesystem::absolute(schema_path);
