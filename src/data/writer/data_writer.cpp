@@ -107,9 +107,9 @@ void DataWriter::writePage(const obx_data_page_t* page)
     // Texts that fill their fields have no terminator: never read past them.
     const DataFileKey key{std::string(page->source_id, strnlen(page->source_id, OBX_SOURCE_ID_SIZE)),
                           std::string(page->source_tag, strnlen(page->source_tag, OBX_SOURCE_TAG_SIZE))};
-    // A block type needs four bytes of data; fewer read as no known type.
-    const uint64_t used = page->filled_bytes > OBX_DATA_PAGE_HEADER_SIZE ? page->filled_bytes - OBX_DATA_PAGE_HEADER_SIZE : 0;
-    const uint32_t type = used >= OBX_MAGIC_SIZE ? obx_block_type_get(page->data()) : OBX_UNKNOWN_BLOCK;
+    // The first block's head is read from the page's data area, never past its end.
+    const uint64_t room = page->page_size > OBX_DATA_PAGE_HEADER_SIZE ? page->page_size - OBX_DATA_PAGE_HEADER_SIZE : 0;
+    const uint32_t type = room >= OBX_MAGIC_SIZE ? obx_block_type_get(page->data()) : OBX_UNKNOWN_BLOCK;
 
     auto found = files.find(key);
     if (found == files.end()) {
@@ -128,9 +128,8 @@ void DataWriter::writePage(const obx_data_page_t* page)
         OBX_LOG_WARN("[data_writer] First data block is OBXE. No schema ids could be extracted.");
         break;
     case OBX_SCHEMAS_BLOCK:
-        // The seven ids stand within a schemas block's fixed room; a page too short for
-        // them gives none.
-        if (used >= OBX_SCHEMAS_BLOCK_IDS + OBX_EVENT_SCHEMA_SLOTS * OBX_SCHEMA_ID_SIZE)
+        // A page too short to hold the seven ids gives none.
+        if (room >= OBX_SCHEMAS_BLOCK_IDS + OBX_EVENT_SCHEMA_SLOTS * OBX_SCHEMA_ID_SIZE)
             file.setEventSchemaIds(page->data());
         break;
     case OBX_PAGE_BLOCK:
@@ -155,7 +154,6 @@ void DataWriter::writePage(const obx_data_page_t* page)
     file.setBlockSize(block_size);
     // The whole last block goes out, but never more than the page holds.
     uint64_t size = static_cast<uint64_t>(block_size) * blocks;
-    const uint64_t room = page->page_size - OBX_DATA_PAGE_HEADER_SIZE;
     if (size > room) size = room;
 
     bool new_file = false;

@@ -3,12 +3,16 @@
 #include <boost/date_time/gregorian/gregorian.hpp>
 #include <boost/date_time/posix_time/posix_time.hpp>
 
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <locale>
 #include <sstream>
 
 #include "utils/logger.h"
+
+// 9999-12-31 23:59:59 UTC, the last second the date library can name.
+static const uint64_t kLastCalendarSecond = 253402300799ull;
 
 std::string obx_template_expand(const std::string& text, const obx_template_keys_t& keys)
 {
@@ -52,9 +56,11 @@ void obx_template_apply_hash(const std::string& source_id, std::string& text)
     const int num = static_cast<int>(read);
     const uint64_t divisor = static_cast<uint64_t>(static_cast<int64_t>(num));
     if (divisor == 0) {
-        // No folder can be computed; a division would end the process without a word.
-        OBX_LOG_ERR("path_template %.*s: the number of hash folders must not be 0, ending the process",
-                    static_cast<int>(length), text.c_str() + start);
+        // No folder can be computed, and the process ends here: said straight to stderr,
+        // whatever the log level, where a division would have ended it without a word.
+        std::fprintf(stderr, "path_template %.*s: the number of hash folders must not be 0, ending the process\n",
+                     static_cast<int>(length), text.c_str() + start);
+        std::fflush(stderr);
         std::abort();
     }
     uint64_t result = 0;
@@ -81,6 +87,8 @@ void obx_template_apply_hash(const std::string& source_id, std::string& text)
 std::string obx_template_apply_time(const std::string& text, const std::string& source_id, uint64_t first_timestamp)
 {
     if (first_timestamp == 0) return text;
+    // Past 9999-12-31 the calendar wraps around instead of failing: not a regular time.
+    if (first_timestamp / 1000000u > kLastCalendarSecond) return text;
     namespace pt = boost::posix_time;
     pt::ptime time;
     try {

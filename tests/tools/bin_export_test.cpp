@@ -1,0 +1,84 @@
+// obx_read -f bin as a separate process: pages of several sources, stored gzip and snappy,
+// come out as plain data files below the output folder, one stream per source and tag,
+// and read back to the same records.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "fixtures/data_file_builder.h"
+#include "fixtures/run_process.h"
+#include "fixtures/schema_builder.h"
+#include "fixtures/temp_dir.h"
+#include "fixtures/written_files.h"
+
+using namespace obx_test;
+
+namespace {
+
+constexpr uint64_t T0 = 1700000000000000ull, S = 1000000ull;
+
+FrameFields frame(Codec codec, const std::string& source, const std::string& tag, uint64_t first) {
+    FrameFields f;
+    f.codec = codec, f.source_id = source, f.source_tag = tag, f.first_timestamp = first, f.last_timestamp = first + S / 2;
+    return f;
+}
+
+TEST(BinExport, PagesBecomeFilesPerSourceAndReadBack) {
+    SchemaFolder schemas;
+    const SchemaId raw_id = schemas.add(EventSchemaDoc("bx").type("x", {{"x", "uint32_t"}}));
+    const std::string id = SchemaFolder::hex(raw_id);
+    SchemasBlockFields ids;
+    ids.ids = {id};
+    // Each page starts with its schemas block, so the files it goes to name the schema.
+    auto page = [&](uint32_t a, uint32_t b) {
+        return concat({schemas_block(ids), event_block(0, 0, 2, ByteWriter().u32(a).u32(b).take(), T0)});
+    };
+    const Bytes unknown = blob_block(T0, Bytes{'h', 'i'});
+    FileHeaderFields head;
+    head.block_size = 4096;
+    head.event_schema_ids = {id};
+    TempDir data, out;
+    const std::string input = data.file("in.bin");
+    write_file(input, data_file(head, {concat({page_frame(page(1, 2), frame(Codec::gzip, "A", "ta", T0)),
+                                               page_frame(page(3, 4), frame(Codec::snappy, "B", "tb", T0 + S)),
+                                               page_frame(unknown, frame(Codec::gzip, "C", "", T0))}),
+                                       concat({page_frame(page(5, 6), frame(Codec::snappy, "A", "ta", T0 + 2 * S))})}));
+
+    const ProcessResult r = run_obx_read({"-s", schemas.path(), "-f", "bin", "--output-dir", out.path(), input},
+                                         ProcessOptions{{"TZ=UTC"}, ""});
+    EXPECT_EQ(r.exit_status, 0) << r.err;
+    // The unknown page is shown and skipped: its header's first line (version, page size 742).
+    EXPECT_EQ(r.out.substr(0, 71), "01 16 01 00 00 00 00 00  E6 02 00 00 00 00 00 00  |  ................ \n");
+    EXPECT_NE(r.err.find("[data_writer] Unrecognized type of data page. Cannot save to file."), std::string::npos);
+
+    const auto files = read_written_files(out.path());
+    std::vector<std::string> names;
+    for (const auto& f : files) names.push_back(f.first);
+    ASSERT_EQ(names, (std::vector<std::string>{"2023/1114/A/ta_1700000000000000.bin", "2023/1114/B/tb_1700000001000000.bin"}));
+    const WrittenFile& a = files.at(names[0]);
+    EXPECT_EQ(a.source_id, "A");
+    EXPECT_EQ(a.source_tag, "ta");
+    EXPECT_EQ(a.first_timestamp, T0);
+    EXPECT_EQ(a.last_timestamp, T0 + 2 * S + S / 2);
+    EXPECT_EQ(a.block_size, 280u);  // a whole decompressed page is one block
+    EXPECT_EQ(a.file_size, 256u + 2 * 280u);
+    EXPECT_EQ(a.size_on_disk, a.file_size);
+    EXPECT_EQ(a.body, concat({page(1, 2), page(5, 6)}));
+    EXPECT_EQ(a.event_schema_ids, concat({Bytes(raw_id.begin(), raw_id.end()), Bytes(6 * 16, 0)}));
+    EXPECT_EQ(files.at(names[1]).body, page(3, 4));
+
+    // Read back, the files give the records the pages held.
+    const ProcessResult back = run_obx_read({"-s", schemas.path(), "-f", "ndjson", out.file(names[0]), out.file(names[1])});
+    EXPECT_EQ(back.exit_status, 0) << back.err;
+    EXPECT_EQ(back.out, "{\"x\":1}\n{\"x\":2}\n{\"x\":5}\n{\"x\":6}\n{\"x\":3}\n{\"x\":4}\n");
+}
+
+TEST(BinExport, OutputFolderMustExist) {
+    TempDir data;
+    const ProcessResult r = run_obx_read({"-f", "bin", "--output-dir", data.file("missing"), "-s", data.path(), data.file("x")});
+    EXPECT_EQ(r.exit_status, 1);
+    EXPECT_NE(r.err.find("Output folder '" + data.file("missing") + "' does not exits\n"), std::string::npos) << r.err;
+}
+
+}  // namespace
