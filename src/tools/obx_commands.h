@@ -4,4 +4,5 @@
 #define OBX_COMMANDS(X) \
     X(help)             \
     X(sources)          \
-    X(schema)
+    X(schema)           \
+    X(gen)

@@ -1,0 +1,121 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "fixtures/json_value.h"
+#include "fixtures/run_process.h"
+#include "fixtures/schema_builder.h"
+#include "fixtures/temp_dir.h"
+
+using obx_test::run_obx;
+
+namespace {
+
+const obx_test::ProcessOptions kHost{{"OBX_HOST_NAME=h"}, ""};
+
+// Every file below `folder` by its path relative to it, with its bytes.
+std::map<std::string, std::string> tree(const std::string& folder) {
+    std::map<std::string, std::string> files;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder))
+        if (entry.is_regular_file())
+            files[std::filesystem::relative(entry.path(), folder).string()] = obx_test::read_file_bytes(entry.path().string());
+    return files;
+}
+
+std::vector<std::string> sorted_lines(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    std::sort(lines.begin(), lines.end());
+    return lines;
+}
+
+size_t count_of(const std::vector<std::string>& lines, const std::string& part) {
+    return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), [&](const std::string& line) { return line.find(part) != std::string::npos; }));
+}
+
+}  // namespace
+
+TEST(ObxGen, WritesWhatObxReadPrintsAndTheSameOptionsGiveTheSameBytes) {
+    obx_test::TempDir dir;
+    const std::vector<std::string> common = {"-v", "4", "gen", "--sources", "node[1-2]", "--seconds", "12", "--rate", "10"};
+    std::map<std::string, std::vector<std::string>> printed;
+    for (const std::string compress : {"none", "gzip", "snappy"}) {
+        std::vector<std::string> args = common;
+        args.insert(args.end(), {"--compress", compress, "--out", dir.file(compress)});
+        const auto result = run_obx(args, kHost);
+        ASSERT_EQ(result.exit_status, 0) << result.err;
+        EXPECT_EQ(result.err, "") << compress;
+        // Per second and source: 6 cpu samples, 3 port samples, one job end and a counters
+        // block; a CNTX block every ten seconds.
+        EXPECT_NE(result.out.find("events:         240 (cpu_sample 144, port_sample 72, job_end 24)\n"), std::string::npos)
+            << result.out;
+        EXPECT_NE(result.out.find("counter blocks: 24\ncntx blocks:    4 with 8 histograms\n"), std::string::npos) << result.out;
+
+        const auto read = obx_test::run_obx_read({"-f", "ndjson", "-d", dir.file(compress + "/data")});
+        EXPECT_EQ(read.exit_status, 0) << read.err;
+        printed[compress] = sorted_lines(read.out);
+        EXPECT_EQ(printed[compress].size(), 240u + 24u + 4u) << compress;
+        EXPECT_EQ(count_of(printed[compress], "\"job_id\":"), 24u);
+        EXPECT_EQ(count_of(printed[compress], "\"host\":\"node_2\""), 2u);  // the constant label of a CNTX block
+    }
+    EXPECT_EQ(printed["gzip"], printed["none"]);
+    EXPECT_EQ(printed["snappy"], printed["none"]);
+
+    std::vector<std::string> again = common;
+    again.insert(again.end(), {"--compress", "gzip", "--out", dir.file("again")});
+    ASSERT_EQ(run_obx(again, kHost).exit_status, 0);
+    EXPECT_EQ(tree(dir.file("again")), tree(dir.file("gzip")));
+    again.insert(again.end(), {"--seed", "2", "--out", dir.file("seed2")});
+    ASSERT_EQ(run_obx(again, kHost).exit_status, 0);
+    EXPECT_NE(tree(dir.file("seed2/data")), tree(dir.file("gzip/data")));
+    EXPECT_EQ(tree(dir.file("seed2/schema")), tree(dir.file("gzip/schema")));  // the schemas do not depend on the seed
+}
+
+TEST(ObxGen, SchemaFilesAreNamedByTheirDigestAndTheSummaryIsJsonToo) {
+    obx_test::TempDir dir;
+    const auto result = run_obx({"-v", "4", "gen", "-s", "1", "-n", "1", "-r", "0", "-j", "-o", dir.path()}, kHost);
+    ASSERT_EQ(result.exit_status, 0) << result.err;
+    const obx_test::JsonPtr summary = obx_test::json_parse(result.out);
+    ASSERT_NE(summary, nullptr);
+    EXPECT_EQ(obx_test::json_text(json_object_get(summary.get(), "events")), "{\"cpu_sample\":0,\"port_sample\":0,\"job_end\":0}");
+    EXPECT_EQ(obx_json_object_get_number(summary.get(), "counter_blocks"), 1);
+    EXPECT_EQ(obx_json_object_get_number(summary.get(), "cntx_blocks"), 1);
+    EXPECT_STREQ(obx_json_object_get_string(summary.get(), "schema_folder"), dir.file("schema").c_str());
+    for (const auto& [name, bytes] : tree(dir.file("schema"))) {
+        obx_test::SchemaFolder check;
+        EXPECT_EQ(name, "schema_" + obx_test::SchemaFolder::hex(check.add_text(bytes)) + ".json");
+    }
+    EXPECT_EQ(tree(dir.file("schema")).size(), 2u);
+}
+
+TEST(ObxGen, UsageErrorsAndFailures) {
+    obx_test::TempDir dir;
+    std::ofstream(dir.file("plain")) << "x";
+    const std::string help = "\nTry 'obx gen --help'.\n";
+    const struct { std::vector<std::string> args; int status; std::string err; } rows[] = {
+        {{}, 2, "obx gen: --out DIR is needed" + help},
+        {{"-o", "x", "extra"}, 2, "obx gen: unexpected argument 'extra'" + help},
+        {{"-o", "x", "-c", "lz4"}, 2, "obx gen: --compress 'lz4' is not none, gzip or snappy" + help},
+        {{"-o", "x", "-n", "0"}, 2, "obx gen: --seconds '0' is not a number of seconds from 1 to 604800" + help},
+        {{"-o", "x", "-r", "-1"}, 2, "obx gen: --rate '-1' is not a number of events from 0 to 100000" + help},
+        {{"-o", "x", "-t", "soon"}, 2, "obx gen: --start 'soon' is not a time in microseconds since the epoch" + help},
+        {{"-o", "x", "-S", "1.5"}, 2, "obx gen: --seed '1.5' is not a number" + help},
+        {{"-o", dir.path(), "-s", "3-1"}, 1, ""},
+        {{"-o", dir.file("plain/below")}, 1, ""},
+    };
+    for (const auto& row : rows) {
+        std::vector<std::string> args{"gen"};
+        args.insert(args.end(), row.args.begin(), row.args.end());
+        const auto result = run_obx(args, kHost);
+        EXPECT_EQ(result.exit_status, row.status) << args.back() << result.err;
+        if (!row.err.empty()) EXPECT_EQ(result.err, row.err);
+        else EXPECT_NE(result.err, "") << args.back();
+    }
+}
