@@ -26,6 +26,7 @@
 #include "data/schema/built_in_types.h"
 #include "data/schema/schema.h"
 #include "data/schema/schema_json.h"
+#include "data/writer/data_page.h"
 #include "data/writer/schema_writer.h"
 #include "host/source.h"
 #include "tools/obx_command.h"
@@ -446,31 +447,25 @@ std::vector<uint8_t> page_frame(const std::vector<uint8_t>& data, Compression co
 
 // ---- output -------------------------------------------------------------------------
 
-// A page as the generator fills it: source and tag, whole chunks of data, and the schema
-// id that a counters page carries.
-struct Page {
-    obx_source_t source = {};
-    uint32_t block_size = 0;
-    uint8_t schema_id[OBX_SCHEMA_ID_SIZE] = {};
-    uint64_t first_timestamp = 0, last_timestamp = 0;
-    std::vector<uint8_t> data;
-};
-
 // Lays pages down as data files: one file per source and tag below `base`.
 class Output {
 public:
     explicit Output(std::string base) : base_(std::move(base)) {}
     ~Output() { close(); }
 
-    void write(const Page& page) {
-        const std::string key = std::string(page.source.source_id) + "/" + page.source.source_tag;
+    void write(const obx_data_page_t& page) {
+        const std::string key = std::string(page.source_id, strnlen(page.source_id, OBX_SOURCE_ID_SIZE)) + "/" +
+                                std::string(page.source_tag, strnlen(page.source_tag, OBX_SOURCE_TAG_SIZE));
         File& file = files_[key];
         if (!file.stream) open(file, page, base_ + "/" + key + ".bin");
-        if (std::fwrite(page.data.data(), 1, page.data.size(), file.stream) != page.data.size())
+        // Whole blocks, the last one too.
+        const uint64_t blocks = (page.filled_bytes - OBX_DATA_PAGE_HEADER_SIZE + page.block_size - 1) / page.block_size;
+        const size_t size = static_cast<size_t>(blocks * page.block_size);
+        if (std::fwrite(page.data(), 1, size, file.stream) != size)
             throw std::runtime_error("cannot write " + file.path + ": " + std::strerror(errno));
-        file.header.file_size += page.data.size();
+        file.header.file_size += size;
         file.header.last_timestamp = page.last_timestamp;
-        bytes_ += page.data.size();
+        bytes_ += size;
         ++pages_;
     }
     bool close() {
@@ -502,7 +497,7 @@ private:
         FILE* stream = nullptr;
         obx_data_file_header_t header = {};
     };
-    void open(File& file, const Page& page, const std::string& path) {
+    void open(File& file, const obx_data_page_t& page, const std::string& path) {
         boost::filesystem::create_directories(boost::filesystem::path(path).parent_path());
         file.path = path;
         file.stream = std::fopen(path.c_str(), "wb");
@@ -511,14 +506,14 @@ private:
         if (!header) throw std::runtime_error("out of memory");
         file.header = *header;
         std::free(header);
-        std::memcpy(file.header.source_id, page.source.source_id, OBX_SOURCE_ID_SIZE);
-        std::memcpy(file.header.source_tag, page.source.source_tag, OBX_SOURCE_TAG_SIZE);
+        std::memcpy(file.header.source_id, page.source_id, OBX_SOURCE_ID_SIZE);
+        std::memcpy(file.header.source_tag, page.source_tag, OBX_SOURCE_TAG_SIZE);
         file.header.first_timestamp = page.first_timestamp;
         file.header.block_size = page.block_size;
-        const uint32_t type = obx_block_type_get(page.data.data());
+        const uint32_t type = obx_block_type_get(page.data());
         if (type == OBX_COUNTERS_BLOCK) std::memcpy(file.header.counters_schema_id, page.schema_id, OBX_SCHEMA_ID_SIZE);
         if (type == OBX_SCHEMAS_BLOCK)
-            std::memcpy(file.header.event_schema_ids, page.data.data() + OBX_SCHEMAS_BLOCK_IDS, sizeof(file.header.event_schema_ids));
+            std::memcpy(file.header.event_schema_ids, page.data() + OBX_SCHEMAS_BLOCK_IDS, sizeof(file.header.event_schema_ids));
         uint8_t bytes[OBX_FILE_HEADER_SIZE];
         obx_data_file_header_encode(&file.header, bytes);
         if (std::fwrite(bytes, 1, sizeof(bytes), file.stream) != sizeof(bytes))
@@ -533,36 +528,47 @@ private:
 
 // ---- streams ------------------------------------------------------------------------
 
-// Gathers the buffers of one stream (source and tag) into chunks of `block_size` bytes and
-// the chunks into pages. A plain buffer takes a chunk of its own; page frames share a chunk
-// while they fit, as the reader takes a chunk of frames apart frame by frame.
+// Gathers the buffers of one stream (source and tag) into chunks of `block_size` bytes in
+// one reused data page, and hands the page on when its chunks are used up. A plain buffer
+// takes a chunk of its own; page frames share a chunk while they fit, as the reader takes
+// a chunk of frames apart frame by frame.
 class Stream {
 public:
     Stream(Output& output, const obx_source_t& source, const char* tag, uint32_t block_size, Compression compression,
            bool first_page_plain, const uint8_t* counters_schema_id)
         : output_(output), compression_(compression), plain_first_(first_page_plain) {
-        page_.source = source;
-        std::snprintf(page_.source.source_tag, sizeof(page_.source.source_tag), "%s", tag);
-        page_.block_size = block_size;
-        if (counters_schema_id) std::memcpy(page_.schema_id, counters_schema_id, OBX_SCHEMA_ID_SIZE);
+        obx_data_page_config_t config = {};
+        config.page_type = OBX_DATA_PAGE_REGULAR;
+        std::snprintf(config.name, sizeof(config.name), "obx-gen");
+        page_ = obx_data_page_create(block_size, OBX_DATA_PAGE_HEADER_SIZE + kChunksPerPage * block_size, &config);
+        if (!page_) throw std::runtime_error("no data page could be made");
+        std::memcpy(page_->source_id, source.source_id, OBX_SOURCE_ID_SIZE);
+        std::memset(page_->source_tag, 0, OBX_SOURCE_TAG_SIZE);
+        std::snprintf(page_->source_tag, OBX_SOURCE_TAG_SIZE, "%s", tag);
+        if (counters_schema_id) std::memcpy(page_->schema_id, counters_schema_id, OBX_SCHEMA_ID_SIZE);
+        source_ = source;
+        std::memcpy(source_.source_tag, page_->source_tag, OBX_SOURCE_TAG_SIZE);
     }
+    ~Stream() { obx_data_page_destroy(page_); }
+    Stream(const Stream&) = delete;
+    Stream& operator=(const Stream&) = delete;
 
     void add(const std::vector<uint8_t>& buffer, uint64_t first, uint64_t last) {
         const bool plain = compression_ == Compression::none || plain_first_;
         std::vector<uint8_t> frame;
         if (!plain) {
-            frame = page_frame(buffer, compression_, page_.source, first, last);
+            frame = page_frame(buffer, compression_, source_, first, last);
             if (frame.empty()) throw std::runtime_error("page compression failed");
             ++frames_;
         }
         const std::vector<uint8_t>& bytes = plain ? buffer : frame;
-        if (bytes.size() > page_.block_size) throw std::runtime_error("a buffer does not fit its chunk");
-        if (plain || !chunk_open_ || chunk_used_ + bytes.size() > page_.block_size) open_chunk();
-        std::memcpy(page_.data.data() + page_.data.size() - page_.block_size + chunk_used_, bytes.data(), bytes.size());
+        if (bytes.size() > page_->block_size) throw std::runtime_error("a buffer does not fit its chunk");
+        if (plain || chunks_ == 0 || chunk_used_ + bytes.size() > page_->block_size) open_chunk();
+        std::memcpy(page_->data() + (chunks_ - 1) * page_->block_size + chunk_used_, bytes.data(), bytes.size());
+        obx_data_page_consume_free_space(page_, bytes.size());
         chunk_used_ += bytes.size();
-        if (page_.first_timestamp == 0) page_.first_timestamp = first;
-        page_.last_timestamp = last;
-        if (plain) chunk_open_ = false;
+        if (page_->first_timestamp == 0) page_->first_timestamp = first;
+        page_->last_timestamp = last;
         if (plain_first_) {
             flush();  // alone in its page, so that the file's header names the counters schema
             plain_first_ = false;
@@ -572,27 +578,30 @@ public:
     size_t frames() const { return frames_; }
 
 private:
+    // The next chunk, zeroed: the data writer writes the last block whole.
     void open_chunk() {
-        if (page_.data.size() / page_.block_size == kChunksPerPage) flush();
-        page_.data.resize(page_.data.size() + page_.block_size, 0);
-        chunk_open_ = true;
+        if (chunks_ == kChunksPerPage) flush();
+        std::memset(page_->data() + chunks_ * page_->block_size, 0, page_->block_size);
+        page_->filled_bytes = OBX_DATA_PAGE_HEADER_SIZE + chunks_ * page_->block_size;
+        ++chunks_;
         chunk_used_ = 0;
     }
+    // Hands the page on and makes it empty again.
     void flush() {
-        if (page_.data.empty()) return;
-        output_.write(page_);
-        page_.data.clear();
-        page_.first_timestamp = page_.last_timestamp = 0;
-        chunk_open_ = false;
+        if (chunks_ == 0) return;
+        output_.write(*page_);
+        page_->filled_bytes = OBX_DATA_PAGE_HEADER_SIZE;
+        page_->first_timestamp = page_->last_timestamp = 0;
+        chunks_ = 0;
         chunk_used_ = 0;
     }
 
     Output& output_;
     Compression compression_;
     bool plain_first_;
-    Page page_;
-    bool chunk_open_ = false;
-    size_t chunk_used_ = 0, frames_ = 0;
+    obx_data_page_t* page_ = nullptr;
+    obx_source_t source_;
+    size_t chunks_ = 0, chunk_used_ = 0, frames_ = 0;
 };
 
 void add_events_buffer(Stream& stream, Bytes& buffer, uint64_t first, uint64_t last) {
