@@ -4,11 +4,13 @@
 // optionally as gzip or snappy page frames; the data writer lays the pages down as data
 // files and the schema writer makes the schema folder. The same options give the same bytes.
 #include <getopt.h>
+#include <sys/stat.h>
 #include <snappy-c.h>
 #include <zlib.h>
 
 #include <boost/filesystem.hpp>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -26,8 +28,11 @@
 #include "data/schema/built_in_types.h"
 #include "data/schema/schema.h"
 #include "data/schema/schema_json.h"
+#include "data/reader/input_files.h"
 #include "data/writer/data_page.h"
+#include "data/writer/data_writer.h"
 #include "data/writer/schema_writer.h"
+#include "host/client_id.h"
 #include "host/source.h"
 #include "tools/obx_command.h"
 #include "utils/json.h"
@@ -42,6 +47,8 @@ constexpr uint64_t kMaxRate = 100000;
 // chunk one CNTX block, an events chunk a schemas block and a run of event blocks.
 constexpr uint32_t kEventsChunk = 16384, kCountersChunk = 256, kMetricsChunk = 2048;
 constexpr size_t kChunksPerPage = 8;
+// Files are finished at 16 MiB or after ten minutes of data.
+constexpr uint64_t kFileSizeLimit = 16ull << 20, kFileAgeLimit = 600 * kSecond;
 // Bytes of events in one buffer, leaving room for a page frame's header and for data
 // that does not compress.
 constexpr uint64_t kEventsRoom = kEventsChunk - 512;
@@ -370,11 +377,13 @@ void cntx_block(Bytes& out, Host& host, uint64_t second, const obx_source_t& sou
     for (uint8_t port = 0; port < 2; ++port) {
         Bytes hist;
         hist.text("HIST").u64(second).short_string("rpc_latency_us").u8(8);
+        // Cumulative bucket counts; an observation counts at three quarters of its bound.
         uint64_t count = 0;
         double sum = 0;
         for (double bound : kBounds) {
-            count += r.below(200);
-            sum += bound * static_cast<double>(count % 200) * 0.5;
+            const uint64_t in_bucket = r.below(200);
+            count += in_bucket;
+            sum += 0.75 * bound * static_cast<double>(in_bucket);
             hist.f64(bound).u64(count);
         }
         hist.f64(sum).u64(count);
@@ -447,83 +456,50 @@ std::vector<uint8_t> page_frame(const std::vector<uint8_t>& data, Compression co
 
 // ---- output -------------------------------------------------------------------------
 
-// Lays pages down as data files: one file per source and tag below `base`.
+// Hands pages to the data writer, which lays them down as data files below `base` by
+// its default path template, one series of files per source and tag.
 class Output {
 public:
-    explicit Output(std::string base) : base_(std::move(base)) {}
-    ~Output() { close(); }
+    Output(std::string base, const obx_client_id_t& client) : base_(std::move(base)), writer_(obx_data_writer_create(&client)) {
+        if (!writer_ || !obx_data_writer_set_base_path(writer_, base_.c_str()) ||
+            !obx_data_writer_set_file_size_limit(writer_, kFileSizeLimit) ||
+            !obx_data_writer_set_file_age_limit(writer_, kFileAgeLimit))
+            throw std::runtime_error("the data writer could not be set up");
+    }
+    ~Output() { obx_data_writer_destroy(writer_); }
+    Output(const Output&) = delete;
+    Output& operator=(const Output&) = delete;
 
     void write(const obx_data_page_t& page) {
-        const std::string key = std::string(page.source_id, strnlen(page.source_id, OBX_SOURCE_ID_SIZE)) + "/" +
-                                std::string(page.source_tag, strnlen(page.source_tag, OBX_SOURCE_TAG_SIZE));
-        File& file = files_[key];
-        if (!file.stream) open(file, page, base_ + "/" + key + ".bin");
-        // Whole blocks, the last one too.
-        const uint64_t blocks = (page.filled_bytes - OBX_DATA_PAGE_HEADER_SIZE + page.block_size - 1) / page.block_size;
-        const size_t size = static_cast<size_t>(blocks * page.block_size);
-        if (std::fwrite(page.data(), 1, size, file.stream) != size)
-            throw std::runtime_error("cannot write " + file.path + ": " + std::strerror(errno));
-        file.header.file_size += size;
-        file.header.last_timestamp = page.last_timestamp;
-        bytes_ += size;
+        if (!obx_data_writer_write_page(writer_, &page, nullptr)) throw std::runtime_error("the data writer failed");
         ++pages_;
     }
+    // Finishes every file's header, then takes stock of what is there.
     bool close() {
-        bool ok = true;
-        for (auto& entry : files_) {
-            File& file = entry.second;
-            if (!file.stream) continue;
-            uint8_t bytes[OBX_FILE_HEADER_SIZE];
-            obx_data_file_header_encode(&file.header, bytes);
-            ok = std::fseek(file.stream, 0, SEEK_SET) == 0 && std::fwrite(bytes, 1, sizeof(bytes), file.stream) == sizeof(bytes) && ok;
-            ok = std::fclose(file.stream) == 0 && ok;
-            file.stream = nullptr;
+        obx_data_writer_destroy(writer_);
+        writer_ = nullptr;
+        obx_string_array_t* found = obx_string_array_create();
+        const bool ok = found && obx_read_collect_directory(&found, base_.c_str());
+        for (uint64_t i = 0; ok && i < found->count; ++i) {
+            struct stat status;
+            if (stat(found->strings[i], &status) == 0) bytes_ += static_cast<uint64_t>(status.st_size);
+            files_.push_back(found->strings[i]);
         }
-        if (!ok) std::fputs("obx gen: data files could not be finished\n", stderr);
+        obx_string_array_destroy(found);
+        std::sort(files_.begin(), files_.end());
         return ok;
     }
     size_t pages() const { return pages_; }
     uint64_t bytes() const { return bytes_; }
-    std::vector<std::string> files() const {
-        std::vector<std::string> paths;
-        for (const auto& entry : files_) paths.push_back(entry.second.path);
-        return paths;
-    }
+    const std::vector<std::string>& files() const { return files_; }
     const std::string& base() const { return base_; }
 
 private:
-    struct File {
-        std::string path;
-        FILE* stream = nullptr;
-        obx_data_file_header_t header = {};
-    };
-    void open(File& file, const obx_data_page_t& page, const std::string& path) {
-        boost::filesystem::create_directories(boost::filesystem::path(path).parent_path());
-        file.path = path;
-        file.stream = std::fopen(path.c_str(), "wb");
-        if (!file.stream) throw std::runtime_error("cannot create " + path + ": " + std::strerror(errno));
-        obx_data_file_header_t* header = obx_data_file_header_create();
-        if (!header) throw std::runtime_error("out of memory");
-        file.header = *header;
-        std::free(header);
-        std::memcpy(file.header.source_id, page.source_id, OBX_SOURCE_ID_SIZE);
-        std::memcpy(file.header.source_tag, page.source_tag, OBX_SOURCE_TAG_SIZE);
-        file.header.first_timestamp = page.first_timestamp;
-        file.header.block_size = page.block_size;
-        const uint32_t type = obx_block_type_get(page.data());
-        if (type == OBX_COUNTERS_BLOCK) std::memcpy(file.header.counters_schema_id, page.schema_id, OBX_SCHEMA_ID_SIZE);
-        if (type == OBX_SCHEMAS_BLOCK)
-            std::memcpy(file.header.event_schema_ids, page.data() + OBX_SCHEMAS_BLOCK_IDS, sizeof(file.header.event_schema_ids));
-        uint8_t bytes[OBX_FILE_HEADER_SIZE];
-        obx_data_file_header_encode(&file.header, bytes);
-        if (std::fwrite(bytes, 1, sizeof(bytes), file.stream) != sizeof(bytes))
-            throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));
-    }
-
     std::string base_;
-    std::map<std::string, File> files_;
+    obx::DataWriter* writer_;
     size_t pages_ = 0;
     uint64_t bytes_ = 0;
+    std::vector<std::string> files_;
 };
 
 // ---- streams ------------------------------------------------------------------------
@@ -742,6 +718,15 @@ int run_gen(int argc, char** argv) {
         return OBX_EXIT_FAILURE;
     }
 
+    // The data writer appends to files that are there: old data would mix with the new.
+    const std::string data = options.out + "/data";
+    boost::system::error_code error;
+    if (boost::filesystem::exists(data, error) &&
+        !(boost::filesystem::is_directory(data, error) && boost::filesystem::is_empty(data, error))) {
+        std::fprintf(stderr, "obx gen: %s is there already; give a new --out\n", data.c_str());
+        return OBX_EXIT_FAILURE;
+    }
+
     obx::SchemaWriter schema_writer;
     schema_writer.data_path = options.out;
     SchemaIds ids;
@@ -750,15 +735,20 @@ int run_gen(int argc, char** argv) {
 
     Summary summary;
     summary.sources = sources->count;
-    Output output(options.out + "/data");
+    std::unique_ptr<obx_client_id_t, void (*)(void*)> client(obx_client_id_create(), std::free);
+    if (!client) {
+        std::fputs("obx gen: the host name could not be had\n", stderr);
+        return OBX_EXIT_FAILURE;
+    }
     try {
+        Output output(data, *client);
         for (uint16_t i = 0; i < sources->count; ++i) generate_source(output, options, *sources->sources[i], i, ids, summary);
+        if (!output.close()) return OBX_EXIT_FAILURE;
+        print_summary(options, summary, output, schema_file.substr(0, schema_file.rfind('/')));
     } catch (const std::exception& e) {
         std::fprintf(stderr, "obx gen: %s\n", e.what());
         return OBX_EXIT_FAILURE;
     }
-    if (!output.close()) return OBX_EXIT_FAILURE;
-    print_summary(options, summary, output, schema_file.substr(0, schema_file.rfind('/')));
     return OBX_EXIT_OK;
 }
 

@@ -119,3 +119,24 @@ TEST(ObxGen, UsageErrorsAndFailures) {
         else EXPECT_NE(result.err, "") << args.back();
     }
 }
+
+// The data writer names the files by its default template and finishes a file after ten
+// minutes of data; a second run into the same folder is refused rather than appended.
+TEST(ObxGen, FilesFollowThePathTemplateAndTheAgeLimit) {
+    obx_test::TempDir dir;
+    const auto result = run_obx({"-v", "4", "gen", "-s", "1", "-n", "700", "-r", "1", "-o", dir.path()}, kHost);
+    ASSERT_EQ(result.exit_status, 0) << result.err;
+    std::map<std::string, size_t> per_tag;
+    for (const auto& [path, bytes] : tree(dir.file("data"))) {
+        EXPECT_EQ(path.rfind("2023/1114/h_1/", 0), 0u) << path;
+        per_tag[path.substr(14, path.find('_', 14) - 14)] += 1;
+        EXPECT_GE(bytes.size(), 256u);
+    }
+    EXPECT_EQ(per_tag, (std::map<std::string, size_t>{{"counters", 2}, {"events", 2}, {"metrics", 2}}));
+    for (const std::string tag : {"counters", "events", "metrics"})
+        EXPECT_TRUE(std::filesystem::exists(dir.file("data/2023/1114/h_1/" + tag + "_1700000000000000.bin"))) << tag;
+
+    const auto again = run_obx({"-v", "4", "gen", "-o", dir.path()}, kHost);
+    EXPECT_EQ(again.exit_status, 1);
+    EXPECT_EQ(again.err, "obx gen: " + dir.file("data") + " is there already; give a new --out\n");
+}
