@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <vector>
 
 #include "data/format/data_file_format.h"
@@ -54,7 +55,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const char sources[OBX_OBXP_SOURCE_STRINGS_SIZE] = "node01";
     obx_embed_obxp_header_into_buffer(data, size, sources, out, sizeof(out));
     if (size >= OBX_OBXP_SOURCE_STRINGS_SIZE) {
-        const obx_obxp_page_fields_t page = {1, 2, reinterpret_cast<const char*>(data)};
+        obx_data_page_t page;
+        std::memset(&page, 0, sizeof(page));
+        page.first_timestamp = 1, page.last_timestamp = 2;
+        std::memcpy(page.source_id, data, OBX_OBXP_SOURCE_STRINGS_SIZE);
         obx_copy_obxp_header_into_buffer(&page, 'G', size, out, sizeof(out) - (size & 15));
     }
     return 0;

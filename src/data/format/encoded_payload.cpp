@@ -236,13 +236,15 @@ bool obx_obxp_header_get_source(const uint8_t* header, size_t available, char* o
     return true;
 }
 
-size_t obx_copy_obxp_header_into_buffer(const obx_obxp_page_fields_t* page, uint8_t compression_type,
+size_t obx_copy_obxp_header_into_buffer(const obx_data_page_t* page, uint8_t compression_type,
                                         uint64_t stream_size, uint8_t* out, size_t out_size) {
     if (!page) {
         OBX_LOG_ERR("[%s] missing page", __func__);
         return 0;
     }
-    const size_t header_size = checked_header_size(__func__, page->source_strings, out, out_size);
+    // Id and tag stand back to back in the page header, as the source strings are laid out.
+    const char* source_strings = reinterpret_cast<const char*>(page) + OBX_DP_SOURCE_ID;
+    const size_t header_size = checked_header_size(__func__, source_strings, out, out_size);
     if (header_size == 0) return 0;
     if (stream_size > UINT32_MAX)
         OBX_LOG_ERR("[%s] encoded stream size of %lu bytes is too large", __func__, stream_size);
@@ -250,7 +252,7 @@ size_t obx_copy_obxp_header_into_buffer(const obx_obxp_page_fields_t* page, uint
     obx_put_u32(out + OBX_ENC_STREAM_SIZE, static_cast<uint32_t>(stream_size));
     obx_put_u64(out + OBX_ENC_FIRST_TIMESTAMP, page->first_timestamp);
     obx_put_u64(out + OBX_ENC_LAST_TIMESTAMP, page->last_timestamp);
-    return write_source_strings(header_size, page->source_strings, out, out_size);
+    return write_source_strings(header_size, source_strings, out, out_size);
 }
 
 size_t obx_embed_obxp_header_into_buffer(const uint8_t* header_template, size_t template_available,

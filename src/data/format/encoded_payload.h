@@ -11,6 +11,7 @@
 #include <cstdint>
 
 #include "data/format/data_file_format.h"
+#include "data/format/data_page_layout.h"
 
 // The fixed part of an encoded header, decoded. The source strings follow at
 // OBX_ENC_SOURCE_ID and are read by obx_obxp_header_get_source.
@@ -20,14 +21,6 @@ struct obx_encoded_header_t {
     uint32_t stream_size;      // S
     uint64_t first_timestamp;
     uint64_t last_timestamp;
-};
-
-// What a header is made from: a page's time span and its source strings, laid out as in
-// a page header (OBX_SOURCE_ID_SIZE bytes of id, then OBX_SOURCE_TAG_SIZE bytes of tag).
-struct obx_obxp_page_fields_t {
-    uint64_t first_timestamp;
-    uint64_t last_timestamp;
-    const char* source_strings;
 };
 
 // Bytes of the source fields obx_obxp_header_get_source fills.
@@ -52,9 +45,10 @@ size_t obx_obxp_header_size(const char* source_id, const char* source_tag);
 // `available` or has a length byte of 128 or more.
 bool obx_obxp_header_get_source(const uint8_t* header, size_t available, char* out);
 
-// Builds a header for a stream of `stream_size` bytes; returns H, 0 on failure. A stream
-// size above 32 bits is reported and stored cut to 32 bits.
-size_t obx_copy_obxp_header_into_buffer(const obx_obxp_page_fields_t* page, uint8_t compression_type,
+// Builds the header of a page's stream of `stream_size` bytes from the page's times and
+// source strings; returns H, 0 on failure. A stream size above 32 bits is reported and
+// stored cut to 32 bits.
+size_t obx_copy_obxp_header_into_buffer(const obx_data_page_t* page, uint8_t compression_type,
                                         uint64_t stream_size, uint8_t* out, size_t out_size);
 // Builds a header from the first 22 bytes of a ready one (`template_available` bytes there)
 // and new source strings; H is set for the new strings. Returns H, 0 on failure.
