@@ -419,40 +419,62 @@ void cntx_block(Bytes& out, Host& host, uint64_t second, const obx_source_t& sou
 
 // ---- page frames --------------------------------------------------------------------
 
-// An OBXP frame holding `data` compressed; empty when the compressor fails.
-std::vector<uint8_t> page_frame(const std::vector<uint8_t>& data, Compression compression, const obx_source_t& source,
-                                uint64_t first, uint64_t last) {
-    std::vector<uint8_t> stream;
-    if (compression == Compression::gzip) {
-        z_stream z = {};
-        if (deflateInit2(&z, 6, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY) != Z_OK) return {};
-        stream.resize(deflateBound(&z, data.size()));
-        z.next_in = const_cast<Bytef*>(data.data()), z.avail_in = static_cast<uInt>(data.size());
-        z.next_out = stream.data(), z.avail_out = static_cast<uInt>(stream.size());
-        const int done = deflate(&z, Z_FINISH);
-        stream.resize(z.total_out);
-        deflateEnd(&z);
-        if (done != Z_STREAM_END) return {};
-    } else {
-        size_t length = snappy_max_compressed_length(data.size());
-        stream.resize(length);
-        if (snappy_compress(reinterpret_cast<const char*>(data.data()), data.size(), reinterpret_cast<char*>(stream.data()),
-                            &length) != SNAPPY_OK)
-            return {};
-        stream.resize(length);
+// Makes OBXP frames of one compression, keeping its state and buffers from frame to frame.
+class Compressor {
+public:
+    explicit Compressor(Compression compression) : compression_(compression) {}
+    ~Compressor() {
+        if (gzip_ready_) deflateEnd(&z_);
     }
-    const obx_obxp_page_fields_t fields = {first, last, source.source_id};  // id and tag lie back to back
-    uint8_t header[255];
-    const size_t header_size = obx_copy_obxp_header_into_buffer(
-        &fields, compression == Compression::gzip ? OBX_COMPRESSION_GZIP : OBX_COMPRESSION_SNAPPY, stream.size(), header,
-        sizeof(header));
-    if (header_size == 0) return {};
-    std::vector<uint8_t> frame(OBX_PAGE_FRAME_MAGIC, OBX_PAGE_FRAME_MAGIC + OBX_MAGIC_SIZE);
-    frame.insert(frame.end(), header, header + header_size);
-    frame.insert(frame.end(), stream.begin(), stream.end());
-    frame.insert(frame.end(), OBX_PAGE_FRAME_TRAILER, OBX_PAGE_FRAME_TRAILER + OBX_PAGE_FRAME_TRAILER_SIZE);
-    return frame;
-}
+    Compressor(const Compressor&) = delete;
+    Compressor& operator=(const Compressor&) = delete;
+
+    // The frame holding `data` compressed; empty when the compressor fails.
+    const std::vector<uint8_t>& frame(const std::vector<uint8_t>& data, const obx_source_t& source, uint64_t first,
+                                      uint64_t last) {
+        frame_.clear();
+        if (!compress(data)) return frame_;
+        const obx_obxp_page_fields_t fields = {first, last, source.source_id};  // id and tag lie back to back
+        uint8_t header[255];
+        const size_t header_size = obx_copy_obxp_header_into_buffer(
+            &fields, compression_ == Compression::gzip ? OBX_COMPRESSION_GZIP : OBX_COMPRESSION_SNAPPY, stream_size_, header,
+            sizeof(header));
+        if (header_size == 0) return frame_;
+        frame_.insert(frame_.end(), OBX_PAGE_FRAME_MAGIC, OBX_PAGE_FRAME_MAGIC + OBX_MAGIC_SIZE);
+        frame_.insert(frame_.end(), header, header + header_size);
+        frame_.insert(frame_.end(), stream_.begin(), stream_.begin() + static_cast<long>(stream_size_));
+        frame_.insert(frame_.end(), OBX_PAGE_FRAME_TRAILER, OBX_PAGE_FRAME_TRAILER + OBX_PAGE_FRAME_TRAILER_SIZE);
+        return frame_;
+    }
+
+private:
+    bool compress(const std::vector<uint8_t>& data) {
+        if (compression_ == Compression::gzip) {
+            if (!gzip_ready_ && deflateInit2(&z_, 6, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY) != Z_OK) return false;
+            gzip_ready_ = true;
+            if (deflateReset(&z_) != Z_OK) return false;
+            stream_.resize(deflateBound(&z_, data.size()));
+            z_.next_in = const_cast<Bytef*>(data.data()), z_.avail_in = static_cast<uInt>(data.size());
+            z_.next_out = stream_.data(), z_.avail_out = static_cast<uInt>(stream_.size());
+            if (deflate(&z_, Z_FINISH) != Z_STREAM_END) return false;
+            stream_size_ = z_.total_out;
+            return true;
+        }
+        size_t length = snappy_max_compressed_length(data.size());
+        stream_.resize(length);
+        if (snappy_compress(reinterpret_cast<const char*>(data.data()), data.size(), reinterpret_cast<char*>(stream_.data()),
+                            &length) != SNAPPY_OK)
+            return false;
+        stream_size_ = length;
+        return true;
+    }
+
+    Compression compression_;
+    z_stream z_ = {};
+    bool gzip_ready_ = false;
+    std::vector<uint8_t> stream_, frame_;
+    size_t stream_size_ = 0;
+};
 
 // ---- output -------------------------------------------------------------------------
 
@@ -512,7 +534,7 @@ class Stream {
 public:
     Stream(Output& output, const obx_source_t& source, const char* tag, uint32_t block_size, Compression compression,
            bool first_page_plain, const uint8_t* counters_schema_id)
-        : output_(output), compression_(compression), plain_first_(first_page_plain) {
+        : output_(output), compression_(compression), compressor_(compression), plain_first_(first_page_plain) {
         obx_data_page_config_t config = {};
         config.page_type = OBX_DATA_PAGE_REGULAR;
         std::snprintf(config.name, sizeof(config.name), "obx-gen");
@@ -531,13 +553,9 @@ public:
 
     void add(const std::vector<uint8_t>& buffer, uint64_t first, uint64_t last) {
         const bool plain = compression_ == Compression::none || plain_first_;
-        std::vector<uint8_t> frame;
-        if (!plain) {
-            frame = page_frame(buffer, compression_, source_, first, last);
-            if (frame.empty()) throw std::runtime_error("page compression failed");
-            ++frames_;
-        }
-        const std::vector<uint8_t>& bytes = plain ? buffer : frame;
+        const std::vector<uint8_t>& bytes = plain ? buffer : compressor_.frame(buffer, source_, first, last);
+        if (bytes.empty()) throw std::runtime_error("page compression failed");
+        if (!plain) ++frames_;
         if (bytes.size() > page_->block_size) throw std::runtime_error("a buffer does not fit its chunk");
         if (plain || chunks_ == 0 || chunk_used_ + bytes.size() > page_->block_size) open_chunk();
         std::memcpy(page_->data() + (chunks_ - 1) * page_->block_size + chunk_used_, bytes.data(), bytes.size());
@@ -574,6 +592,7 @@ private:
 
     Output& output_;
     Compression compression_;
+    Compressor compressor_;
     bool plain_first_;
     obx_data_page_t* page_ = nullptr;
     obx_source_t source_;
