@@ -434,7 +434,11 @@ public:
                                       uint64_t last) {
         frame_.clear();
         if (!compress(data)) return frame_;
-        const obx_obxp_page_fields_t fields = {first, last, source.source_id};  // id and tag lie back to back
+        // The header takes the times and source fields of a page header.
+        obx_data_page_t fields = {};
+        fields.first_timestamp = first, fields.last_timestamp = last;
+        std::memcpy(fields.source_id, source.source_id, OBX_SOURCE_ID_SIZE);
+        std::memcpy(fields.source_tag, source.source_tag, OBX_SOURCE_TAG_SIZE);
         uint8_t header[255];
         const size_t header_size = obx_copy_obxp_header_into_buffer(
             &fields, compression_ == Compression::gzip ? OBX_COMPRESSION_GZIP : OBX_COMPRESSION_SNAPPY, stream_size_, header,
