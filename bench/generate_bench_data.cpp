@@ -19,6 +19,7 @@
 #include "bench_data.h"
 #include "counters/counter_group/counters_schema.h"
 #include "data/format/data_file_format.h"
+#include "data/format/encoded_payload.h"
 #include "data/schema/schema_json.h"
 #include "utils/json.h"
 
@@ -28,10 +29,12 @@ using obx_bench::EventLayout;
 using obx_bench::Random;
 
 // Bump when the files' layout or contents change: the script regenerates on a mismatch.
-constexpr const char* kGeneratorVersion = "obx-bench-data 4";
+constexpr const char* kGeneratorVersion = "obx-bench-data 5";
 
 constexpr uint32_t kEventChunkSize = 65536;
 constexpr uint32_t kCountersChunkSize = 4096;
+// Chunks of the paged file: each holds as many gzip page frames as fit.
+constexpr uint32_t kPageChunkSize = 1u << 20;
 constexpr uint64_t kStartTime = 1700000000000000ull;
 
 [[noreturn]] void fail(const std::string& what)
@@ -110,6 +113,82 @@ struct FileWriter {
     }
 };
 
+// The same event chunks as gzip page frames, packed into chunks of a plain file, the way
+// a collector stores compressed pages.
+struct PagedFileWriter {
+    FILE* file;
+    std::vector<uint8_t> chunk;
+    size_t used = 0;
+    uint64_t chunks = 0;
+    std::vector<uint8_t> frame;
+    z_stream stream{};
+
+    explicit PagedFileWriter(const std::string& path) : chunk(kPageChunkSize)
+    {
+        file = std::fopen(path.c_str(), "wb");
+        if (!file) fail("cannot create " + path);
+        uint8_t room[OBX_FILE_HEADER_SIZE] = {};
+        if (std::fwrite(room, sizeof room, 1, file) != 1) fail("write failed");  // header comes at the end
+    }
+    void add(const uint8_t* data, size_t size, uint64_t first, uint64_t last)
+    {
+        if (deflateInit2(&stream, 1, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY) != Z_OK) fail("deflateInit2 failed");
+        std::vector<uint8_t> packed(deflateBound(&stream, size));
+        stream.next_in = const_cast<uint8_t*>(data);
+        stream.avail_in = static_cast<uInt>(size);
+        stream.next_out = packed.data();
+        stream.avail_out = static_cast<uInt>(packed.size());
+        if (deflate(&stream, Z_FINISH) != Z_STREAM_END) fail("deflate failed");
+        packed.resize(stream.total_out);
+        deflateEnd(&stream);
+
+        obx_data_page_t page;
+        std::memset(&page, 0, sizeof page);
+        page.first_timestamp = first;
+        page.last_timestamp = last;
+        std::snprintf(page.source_id, sizeof page.source_id, "bench-node-01");
+        std::snprintf(page.source_tag, sizeof page.source_tag, "bench");
+        uint8_t header[OBX_ENC_FIXED_SIZE + OBX_OBXP_SOURCE_STRINGS_SIZE];
+        const size_t h = obx_copy_obxp_header_into_buffer(&page, OBX_COMPRESSION_GZIP, packed.size(), header, sizeof header);
+        if (h == 0) fail("page header failed");
+        frame.resize(OBX_PAGE_FRAME_HEADER + h + packed.size() + OBX_PAGE_FRAME_TRAILER_SIZE);
+        std::memcpy(frame.data(), OBX_PAGE_FRAME_MAGIC, OBX_PAGE_FRAME_HEADER);
+        std::memcpy(frame.data() + OBX_PAGE_FRAME_HEADER, header, h);
+        std::memcpy(frame.data() + OBX_PAGE_FRAME_HEADER + h, packed.data(), packed.size());
+        std::memcpy(frame.data() + frame.size() - OBX_PAGE_FRAME_TRAILER_SIZE, OBX_PAGE_FRAME_TRAILER,
+                    OBX_PAGE_FRAME_TRAILER_SIZE);
+        if (frame.size() > kPageChunkSize) fail("a page frame does not fit a chunk");
+        if (used + frame.size() > kPageChunkSize) flush();
+        std::memcpy(chunk.data() + used, frame.data(), frame.size());
+        used += frame.size();
+    }
+    void flush()
+    {
+        std::fill(chunk.begin() + static_cast<long>(used), chunk.end(), 0);
+        if (std::fwrite(chunk.data(), chunk.size(), 1, file) != 1) fail("write failed");
+        used = 0;
+        ++chunks;
+    }
+    void close(const uint8_t* event_id, uint64_t last_time)
+    {
+        if (used) flush();
+        obx_data_file_header_t* header = obx_data_file_header_create();
+        if (!header) fail("no memory");
+        header->file_size = OBX_FILE_HEADER_SIZE + chunks * kPageChunkSize;
+        std::snprintf(header->source_id, sizeof header->source_id, "bench-node-01");
+        std::snprintf(header->source_tag, sizeof header->source_tag, "bench");
+        header->first_timestamp = kStartTime;
+        header->last_timestamp = last_time;
+        header->block_size = kPageChunkSize;
+        std::memcpy(header->event_schema_ids[0], event_id, 16);
+        uint8_t bytes[OBX_FILE_HEADER_SIZE];
+        obx_data_file_header_encode(header, bytes);
+        std::free(header);
+        if (std::fseek(file, 0, SEEK_SET) != 0 || std::fwrite(bytes, sizeof bytes, 1, file) != 1) fail("write failed");
+        if (std::fclose(file) != 0) fail("close failed");
+    }
+};
+
 void write_header(FileWriter& out, uint32_t block_size, uint64_t body_size, const uint8_t* counters_id,
                   const uint8_t* event_id, uint64_t last_time)
 {
@@ -129,13 +208,14 @@ void write_header(FileWriter& out, uint32_t block_size, uint64_t body_size, cons
     out.write(bytes, sizeof bytes);
 }
 
-uint64_t write_events_file(const std::string& path, uint64_t target_bytes, const EventLayout& layout,
+uint64_t write_events_file(const std::string& path, const std::string& paged_path, uint64_t target_bytes, const EventLayout& layout,
                            const uint8_t* counters_id, const uint8_t* event_id)
 {
     const uint64_t chunks = (target_bytes + kEventChunkSize - 1) / kEventChunkSize;
     FileWriter out(path);
     write_header(out, kEventChunkSize, chunks * kEventChunkSize, counters_id, event_id,
                  kStartTime + chunks * 1000000);
+    PagedFileWriter paged(paged_path);
     std::vector<uint8_t> chunk(kEventChunkSize);
     Random random;
     uint64_t events = 0;
@@ -160,8 +240,10 @@ uint64_t write_events_file(const std::string& path, uint64_t target_bytes, const
             offset += OBX_EVENT_BLOCK_HEAD_SIZE + count * layout.size;
         }
         out.write(chunk.data(), chunk.size());
+        paged.add(chunk.data(), chunk.size(), kStartTime + c * 1000000, kStartTime + c * 1000000 + 999999);
     }
     out.close();
+    paged.close(event_id, kStartTime + chunks * 1000000);
     return events;
 }
 
@@ -217,7 +299,7 @@ int main(int argc, char** argv)
     obx_counters_schema_t* counters = make_counters_schema(schema_folder, counters_id);
 
     const uint64_t events =
-        write_events_file(folder + "/events.bin.gz", events_mib << 20, layout, counters_id, event_id);
+        write_events_file(folder + "/events.bin.gz", folder + "/events_pages.bin", events_mib << 20, layout, counters_id, event_id);
     const uint64_t blocks = write_counters_file(folder + "/counters.bin.gz", counters_mib << 20, counters, counters_id);
     obx_counters_schema_destroy(counters);
 
