@@ -31,7 +31,10 @@ static int run_sources(int argc, char** argv)
         return obx_command_usage_error(&obx_command_sources, "tag '%s' is longer than %d characters", tag,
                                        static_cast<int>(OBX_SOURCE_TAG_SIZE - 1));
 
-    obx_source_array_t* sources = obx_source_array_from_spec(argv[optind]);
+    // "-" is a node list or a file of ids on standard input.
+    const obx_command_input_t input(argv[optind]);
+    if (input.path().empty()) return OBX_EXIT_FAILURE;
+    obx_source_array_t* sources = obx_source_array_from_spec(input.path().c_str());
     if (!sources) return OBX_EXIT_FAILURE;
     std::string out = json ? "[" : "";
     for (uint16_t i = 0; i < sources->count; ++i) {
@@ -66,7 +69,7 @@ const obx_command_t obx_command_sources = {
     "  a-b          the local id with _a .. _b\n"
     "  name[a-b]    name_a .. name_b\n"
     "  FILE         a node list (lines with H- or S-: the word in round brackets of\n"
-    "               each line), or else one id a line\n"
+    "               each line), or else one id a line; - reads it from standard input\n"
     "The local id is OBX_SOURCE_ID, or else the host name. Ids keep 63 characters.\n"
     "\n"
     "Options:\n"

@@ -29,6 +29,9 @@ TEST(ObxSources, ListsTheSourcesOfASpecification) {
         EXPECT_EQ(result.exit_status, row.status) << args.back();
         EXPECT_EQ(result.out, row.out) << args.back();
     }
+    const auto piped = run_obx({"sources", "-"}, host, "H-01 (cn07) x\nH-02 (cn08) y\n");
+    EXPECT_EQ(piped.exit_status, 0) << piped.err;
+    EXPECT_EQ(piped.out, "cn07\ncn08\n");
     const auto refused = run_obx({"sources", "2-1"});
     EXPECT_NE(refused.err.find("[error] [source] Invalid source format: 2-1\n"), std::string::npos) << refused.err;
     EXPECT_EQ(run_obx({"sources", "-t", "sixteen-letters!", "1"}).err,
