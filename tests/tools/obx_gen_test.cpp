@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -139,4 +140,40 @@ TEST(ObxGen, FilesFollowThePathTemplateAndTheAgeLimit) {
     const auto again = run_obx({"-v", "4", "gen", "-o", dir.path()}, kHost);
     EXPECT_EQ(again.exit_status, 1);
     EXPECT_EQ(again.err, "obx gen: " + dir.file("data") + " is there already; give a new --out\n");
+}
+
+// obx_read does not print histograms, so their records are read here by their layout:
+// "HIST", time, name, buckets (bound, cumulative count), sum, count, labels block, "hist".
+TEST(ObxGen, HistogramRecordsOfTheMetricsBlocks) {
+    obx_test::TempDir dir;
+    ASSERT_EQ(run_obx({"-v", "4", "gen", "-s", "1", "-n", "1", "-r", "0", "-o", dir.path()}, kHost).exit_status, 0);
+    const std::string file = obx_test::read_file_bytes(dir.file("data/2023/1114/h_1/metrics_1700000000000000.bin"));
+    ASSERT_GT(file.size(), 256u);
+    const auto u8 = [&](size_t at) { return static_cast<uint8_t>(file.at(at)); };
+    const auto u64 = [&](size_t at) { uint64_t v = 0; for (int i = 7; i >= 0; --i) v = v << 8 | u8(at + i); return v; };
+    const auto f64 = [&](size_t at) { const uint64_t bits = u64(at); double v; std::memcpy(&v, &bits, 8); return v; };
+    const double bounds[] = {1, 2, 5, 10, 20, 50, 100, 1000};
+    size_t found = 0;
+    for (size_t at = file.find("HIST"); at != std::string::npos; at = file.find("HIST", at + 4), ++found) {
+        EXPECT_EQ(u64(at + 4), 1700000000000000ull);
+        ASSERT_EQ(u8(at + 12), 14u);
+        EXPECT_EQ(file.substr(at + 13, 14), "rpc_latency_us");
+        ASSERT_EQ(u8(at + 27), 8u);
+        uint64_t previous = 0;
+        double sum = 0;
+        for (size_t b = 0; b < 8; ++b) {
+            EXPECT_EQ(f64(at + 28 + 16 * b), bounds[b]);
+            const uint64_t cumulative = u64(at + 36 + 16 * b);
+            EXPECT_GE(cumulative, previous);
+            sum += 0.75 * bounds[b] * static_cast<double>(cumulative - previous);
+            previous = cumulative;
+        }
+        EXPECT_DOUBLE_EQ(f64(at + 156), sum);
+        EXPECT_EQ(u64(at + 164), previous);  // the count is the last bucket's
+        // Labels block: set 0, two entries by id (device = port number - 1, port 1 or 2).
+        const std::string labels = {0, 2, 'L', static_cast<char>(found), static_cast<char>(2 + found)};
+        EXPECT_EQ(file.substr(at + 172, 5), labels);
+        EXPECT_EQ(file.substr(at + 177, 4), "hist");
+    }
+    EXPECT_EQ(found, 2u);
 }
