@@ -74,10 +74,14 @@ int obx_command_usage_error(const obx_command_t* command, const char* format, ..
 }
 
 int obx_command_option_error(const obx_command_t* command, int code, char* const* argv) {
-    char short_name[3] = {'-', static_cast<char>(optopt), '\0'};
-    const char* option = optopt ? short_name : argv[optind - 1];
-    if (code == ':') return obx_command_usage_error(command, "option '%s' needs a value", option);
-    return obx_command_usage_error(command, "unknown option '%s'", option);
+    // A long option as it was written (without its value), a short one by its letter.
+    const std::string given = optind > 0 ? argv[optind - 1] : "";
+    std::string option = given.substr(0, given.find('='));
+    if (given.compare(0, 2, "--") != 0 && optopt) option = std::string("-") + static_cast<char>(optopt);
+    if (code == ':') return obx_command_usage_error(command, "option '%s' needs a value", option.c_str());
+    if (optopt && given.compare(0, 2, "--") == 0 && given.find('=') != std::string::npos)
+        return obx_command_usage_error(command, "option '%s' takes no value", option.c_str());
+    return obx_command_usage_error(command, "unknown option '%s'", option.c_str());
 }
 
 int obx_command_print_help(const obx_command_t* command) {

@@ -37,6 +37,9 @@ TEST(ObxCommand, StatusAndStreamsOfTheProgram) {
         {{"sources", "--bogus", "1"}, 2, "", "obx sources: unknown option '--bogus'\nTry 'obx sources --help'.\n"},
         {{"sources", "-x", "1"}, 2, "", "obx sources: unknown option '-x'\nTry 'obx sources --help'.\n"},
         {{"sources", "-t"}, 2, "", "obx sources: option '-t' needs a value\nTry 'obx sources --help'.\n"},
+        {{"sources", "--tag"}, 2, "", "obx sources: option '--tag' needs a value\nTry 'obx sources --help'.\n"},
+        {{"sources", "--json=yes", "1"}, 2, "", "obx sources: option '--json' takes no value\nTry 'obx sources --help'.\n"},
+        {{"sources", "-jx", "1"}, 2, "", "obx sources: unknown option '-x'\nTry 'obx sources --help'.\n"},
     };
     for (const auto& row : rows) {
         const auto result = run_obx(row.args);
