@@ -1,6 +1,8 @@
 #include "tools/read_run.h"
 
+#include <cerrno>
 #include <clocale>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -57,6 +59,7 @@ static bool run_sorted(obx_read_options_t* options, int* failed)
     obx_file_entries_sort(entries, count, &order);
 
     for (size_t i = 0; i < count; ++i) {
+        if (std::ferror(stdout)) break;  // output is lost: reading on would only pretend
         if (!obx_reader_process_file(entries[i].path, options, i == 0)) ++*failed;
         free(entries[i].path);
         entries[i].path = nullptr;
@@ -75,7 +78,7 @@ int obx_read_run(obx_read_options_t* options)
         // The document stays open when the run stops before its first file.
         if (!run_sorted(options, &failed)) return 1;
     } else {
-        for (uint64_t i = 0; i < options->data_files->count; ++i)
+        for (uint64_t i = 0; i < options->data_files->count && !std::ferror(stdout); ++i)
             if (!obx_reader_process_file(options->data_files->strings[i], options, i == 0)) ++failed;
     }
 
@@ -98,6 +101,8 @@ int obx_read_main(int argc, char** argv)
         return parsed == OBX_READ_PARSE_EXIT ? 0 : 1;
     }
 
+    // A closed pipe then shows as a failed write, reported, rather than a silent end.
+    std::signal(SIGPIPE, SIG_IGN);
     obx_init_stderr_logger(options.verbosity);
     if (options.data_files->count == 0) std::fputs("No input files specified\n", stderr);
     obx_string_array_log(OBX_LOG_DEBUG, options.data_files, "data file");
@@ -109,7 +114,12 @@ int obx_read_main(int argc, char** argv)
         std::fprintf(stderr, "Failed to read %d of %zu files\n", failed, static_cast<size_t>(options.data_files->count));
         status = 1;
     }
-    std::fflush(stdout);
+    // Output that never arrived is a failure of the run, said once, whatever was read.
+    errno = 0;
+    if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+        std::fprintf(stderr, "Failed writing standard output: %s\n", errno ? std::strerror(errno) : "write error");
+        status = 1;
+    }
     obx_read_options_release(&options);
     return status;
 }

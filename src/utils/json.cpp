@@ -3,6 +3,12 @@
 // hashed over it) stays byte for byte the one the schema files were written with.
 #include "utils/json.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
 #include <openssl/evp.h>
 
 #include <cmath>
@@ -246,15 +252,35 @@ json_t* obx_json_parse_string(const char* text)
 json_t* obx_json_parse_file(const char* path)
 {
     if (!path) return nullptr;
-    FILE* file = std::fopen(path, "rb");
-    if (!file) return nullptr;
+    // Not blocking on a FIFO, and never reading a device or an endless file into memory.
+    const int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return nullptr;
+    struct stat info = {};
+    if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || info.st_size > OBX_JSON_MAX_FILE_SIZE) {
+        const int reason = S_ISDIR(info.st_mode) ? EISDIR : S_ISREG(info.st_mode) ? EFBIG : EINVAL;
+        close(fd);
+        errno = reason;
+        return nullptr;
+    }
+    FILE* file = fdopen(fd, "rb");
+    if (!file) {
+        close(fd);
+        return nullptr;
+    }
     std::string text;
     char chunk[65536];
     size_t got;
-    while ((got = std::fread(chunk, 1, sizeof chunk, file)) > 0) text.append(chunk, got);
+    while ((got = std::fread(chunk, 1, sizeof chunk, file)) > 0) {
+        text.append(chunk, got);
+        if (text.size() > OBX_JSON_MAX_FILE_SIZE) break;  // grew while being read
+    }
     bool failed = std::ferror(file) != 0;  // a directory opens but does not read
     std::fclose(file);
     if (failed) return nullptr;
+    if (text.size() > OBX_JSON_MAX_FILE_SIZE) {
+        errno = EFBIG;
+        return nullptr;
+    }
     return obx_json_parse_buffer(text.data(), text.size());
 }
 

@@ -16,6 +16,9 @@
 // report in their own words. The result is new (json_decref), nullptr on failure.
 json_t* obx_json_parse_string(const char* text);
 json_t* obx_json_parse_buffer(const char* text, size_t length);
+// Files are read only when regular and at most OBX_JSON_MAX_FILE_SIZE bytes; otherwise
+// nullptr with errno EISDIR, EINVAL (a FIFO, a device) or EFBIG.
+#define OBX_JSON_MAX_FILE_SIZE (64 * 1024 * 1024)
 json_t* obx_json_parse_file(const char* path);
 
 // Text of a value, newly allocated (free with obx_json_free_serialized_string);

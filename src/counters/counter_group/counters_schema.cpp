@@ -130,6 +130,17 @@ obx_counters_schema_t* obx_counters_schema_from_file(const char* path)
     }
     obx_counters_schema_t* schema = obx_counters_schema_from_json(value);
     json_decref(value);
+    // The count of sets has no bound of its own, yet every value of every set is printed:
+    // a hostile file would make output without end.
+    for (uint32_t g = 0; schema && g < schema->num_groups; ++g) {
+        const uint32_t sets = schema->groups[g]->num_counter_sets;
+        if (sets > OBX_MAX_COUNTER_SETS) {
+            OBX_LOG_ERR("Counters schema '%s': group %u has %u counter sets, more than the %u this reader takes", path,
+                        g, sets, static_cast<unsigned>(OBX_MAX_COUNTER_SETS));
+            obx_counters_schema_destroy(schema);
+            schema = nullptr;
+        }
+    }
     return schema;
 }
 

@@ -10,6 +10,9 @@
 
 #define OBX_COUNTERS_SCHEMA_TITLE "Ombrix performance counters collector"
 #define OBX_COUNTERS_SCHEMA_VERSION "1.5.0"
+// Most counter sets a group of a schema file may have: far above any machine's CPUs or
+// ports; a file that asks for more is refused when loaded.
+#define OBX_MAX_COUNTER_SETS 65536u
 
 struct obx_counters_schema_t {
     uint32_t size_of_counters;  // see obx_counters_schema_size_of_counters
