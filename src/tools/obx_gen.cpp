@@ -483,27 +483,35 @@ private:
 // ---- output -------------------------------------------------------------------------
 
 // Hands pages to the data writer, which lays them down as data files below `base` by
-// its default path template, one series of files per source and tag.
+// its default path template, one series of files per source and tag. A source's files
+// are finished before the next source starts: the writer keeps its files open, and a few
+// thousand sources must not run out of file handles.
 class Output {
 public:
-    Output(std::string base, const obx_client_id_t& client) : base_(std::move(base)), writer_(obx_data_writer_create(&client)) {
-        if (!writer_ || !obx_data_writer_set_base_path(writer_, base_.c_str()) ||
-            !obx_data_writer_set_file_size_limit(writer_, kFileSizeLimit) ||
-            !obx_data_writer_set_file_age_limit(writer_, kFileAgeLimit))
-            throw std::runtime_error("the data writer could not be set up");
-    }
+    Output(std::string base, const obx_client_id_t& client) : base_(std::move(base)), client_(client) {}
     ~Output() { obx_data_writer_destroy(writer_); }
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;
 
     void write(const obx_data_page_t& page) {
+        if (!writer_) {
+            writer_ = obx_data_writer_create(&client_);
+            if (!writer_ || !obx_data_writer_set_base_path(writer_, base_.c_str()) ||
+                !obx_data_writer_set_file_size_limit(writer_, kFileSizeLimit) ||
+                !obx_data_writer_set_file_age_limit(writer_, kFileAgeLimit))
+                throw std::runtime_error("the data writer could not be set up");
+        }
         if (!obx_data_writer_write_page(writer_, &page, nullptr)) throw std::runtime_error("the data writer failed");
         ++pages_;
     }
-    // Finishes every file's header, then takes stock of what is there.
-    bool close() {
+    // Finishes the headers of the files written so far.
+    void finish_source() {
         obx_data_writer_destroy(writer_);
         writer_ = nullptr;
+    }
+    // Finishes every file, then takes stock of what is there.
+    bool close() {
+        finish_source();
         obx_string_array_t* found = obx_string_array_create();
         const bool ok = found && obx_read_collect_directory(&found, base_.c_str());
         for (uint64_t i = 0; ok && i < found->count; ++i) {
@@ -522,7 +530,8 @@ public:
 
 private:
     std::string base_;
-    obx::DataWriter* writer_;
+    obx_client_id_t client_;
+    obx::DataWriter* writer_ = nullptr;
     size_t pages_ = 0;
     uint64_t bytes_ = 0;
     std::vector<std::string> files_;
@@ -637,6 +646,7 @@ void generate_source(Output& output, const Options& options, const obx_source_t&
         }
     }
     events.finish(), counters.finish(), metrics.finish();
+    output.finish_source();
     summary.frames += events.frames() + counters.frames() + metrics.frames();
 }
 

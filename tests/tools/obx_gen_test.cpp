@@ -177,3 +177,14 @@ TEST(ObxGen, HistogramRecordsOfTheMetricsBlocks) {
     }
     EXPECT_EQ(found, 2u);
 }
+
+// A source's files are finished before the next one starts, so that many sources do not
+// need many file handles at once.
+TEST(ObxGen, ManySourcesWithFewFileHandles) {
+    obx_test::TempDir dir;
+    const std::string command = "ulimit -n 40 && exec '" + std::string(OBX_BINARY) + "' -v 4 gen -s 30 -n 1 -r 1 -o '" + dir.path() + "'";
+    const auto result = obx_test::run_program("/bin/sh", {"-c", command}, kHost);
+    ASSERT_EQ(result.exit_status, 0) << result.err;
+    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(tree(dir.file("data")).size(), 90u);  // three tags of thirty sources
+}
