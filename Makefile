@@ -7,7 +7,7 @@ CMAKE_FLAGS  ?=
 PREFIX       ?= /usr/local
 DESTDIR      ?=
 
-.PHONY: all deps configure build run test sanitize bench install clean
+.PHONY: all deps configure build run test sanitize bench install fuzz clean
 
 all: build
 
@@ -45,6 +45,10 @@ bench: build
 install: deps $(BUILD_DIR)/CMakeCache.txt
 	cmake --build $(BUILD_DIR) -j $(JOBS) --target obx obx_read obx_command
 	DESTDIR="$(DESTDIR)" cmake --install $(BUILD_DIR) --prefix "$(PREFIX)"
+
+fuzz:
+	@./scripts/install-deps.sh fuzz
+	JOBS=$(JOBS) ./scripts/fuzz.sh
 
 clean:
 	rm -rf build

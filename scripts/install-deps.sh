@@ -1,9 +1,14 @@
 #!/bin/sh
 # Installs the Debian packages the build needs; does nothing when all are present.
+#   scripts/install-deps.sh        what building and testing need
+#   scripts/install-deps.sh fuzz   that, and clang with libFuzzer and its sanitizers
 set -eu
 PACKAGES="build-essential cmake pkg-config zlib1g-dev libssl-dev libsnappy-dev \
 libboost-filesystem-dev libboost-date-time-dev libjansson-dev \
 libgtest-dev libgmock-dev libbenchmark-dev"
+if [ "${1:-}" = fuzz ]; then
+    PACKAGES="$PACKAGES clang libclang-rt-dev"
+fi
 
 missing=""
 for p in $PACKAGES; do

@@ -444,10 +444,11 @@ public:
             &fields, compression_ == Compression::gzip ? OBX_COMPRESSION_GZIP : OBX_COMPRESSION_SNAPPY, stream_size_, header,
             sizeof(header));
         if (header_size == 0) return frame_;
-        frame_.insert(frame_.end(), OBX_PAGE_FRAME_MAGIC, OBX_PAGE_FRAME_MAGIC + OBX_MAGIC_SIZE);
+        static const char magic[] = OBX_PAGE_FRAME_MAGIC, trailer[] = OBX_PAGE_FRAME_TRAILER;
+        frame_.insert(frame_.end(), magic, magic + OBX_MAGIC_SIZE);
         frame_.insert(frame_.end(), header, header + header_size);
         frame_.insert(frame_.end(), stream_.begin(), stream_.begin() + static_cast<long>(stream_size_));
-        frame_.insert(frame_.end(), OBX_PAGE_FRAME_TRAILER, OBX_PAGE_FRAME_TRAILER + OBX_PAGE_FRAME_TRAILER_SIZE);
+        frame_.insert(frame_.end(), trailer, trailer + OBX_PAGE_FRAME_TRAILER_SIZE);
         return frame_;
     }
 
