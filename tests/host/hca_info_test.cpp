@@ -198,17 +198,4 @@ TEST(HostName, EnvironmentAndSystem) {
               " host_name                  0         64\n port                       64        2\n");
 }
 
-TEST(HexDump, FullAndShortLines) {
-    char* out = nullptr;
-    size_t size = 0;
-    FILE* stream = open_memstream(&out, &size);
-    obx_hex_dump("ABCDEFGHIJKLMNOP\x01xyz", 20, stream);
-    obx_hex_dump("", 0, stream);
-    std::fclose(stream);
-    EXPECT_EQ(std::string(out),
-              "41 42 43 44 45 46 47 48  49 4A 4B 4C 4D 4E 4F 50  |  ABCDEFGHIJKLMNOP \n"
-              "01 78 79 7A                                       |  .xyz \n");
-    free(out);
-}
-
 }  // namespace

@@ -105,17 +105,6 @@ TEST(DataFile, WhenANewFileStarts) {
     }
 }
 
-TEST(DataFile, FirstTimestampZeroStartsAFileOnEveryWrite) {
-    obx_test::TempDir dir;
-    auto file = writer(dir);
-    bool created = false;
-    for (int i = 0; i < 2; ++i) {
-        file->write(0, T0, "x", 1, &created);
-        EXPECT_TRUE(created);
-        EXPECT_EQ(file->currentPath(), dir.path() + "/src/{{id}}.bin");
-    }
-}
-
 TEST(DataFile, SettersCloseOnlyOnChange) {
     obx_test::TempDir dir;
     auto file = writer(dir);
@@ -203,13 +192,6 @@ TEST(DataFile, WithoutKeepOpenEveryWriteRewritesTheHeader) {
     const auto f = obx_test::read_written_file(file->currentPath());
     EXPECT_EQ(f.file_size, 260u);
     EXPECT_EQ(f.last_timestamp, T0 + 3);
-}
-
-TEST(DataFile, WritableFolderCheck) {
-    obx_test::TempDir dir;
-    EXPECT_TRUE(obx_data_folder_is_writable(dir.path().c_str()));
-    EXPECT_FALSE(obx_data_folder_is_writable(dir.file("missing").c_str()));
-    EXPECT_FALSE(obx_data_folder_is_writable(nullptr));
 }
 
 }  // namespace

@@ -222,22 +222,4 @@ TEST(DataWriter, FirstTimestampByTheSourceOfAPage) {
     EXPECT_FALSE(obx_data_writer_write_page(nullptr, make_page(events(), fields).get(), nullptr));
 }
 
-TEST(DataWriter, NodeInfoBesideTheFiles) {
-    Writer w;
-    obx_data_writer_set_write_node_info(w.writer, true);
-    PageFields fields;
-    auto page = make_page(events(), fields);
-    std::memcpy(page->adapters[0].name, "mlx5_0", 6);
-    std::memcpy(page->adapters[0].node_guid, "0002c90300445566", 16);
-    std::memcpy(page->adapters[0].system_image_guid, "0002c90300445569", 16);
-    std::memcpy(page->adapters[0].port_1_guid, "0002c90300445567", 16);
-    w.write(page);
-    std::ifstream in(w.dir.file("node01/nodeinfo.json"));
-    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    EXPECT_EQ(text, "{\n    \"timestamp\": 1700000000000000,\n    \"mlx5_0\": {\n"
-                    "        \"node_guid\": \"0002c90300445566\",\n"
-                    "        \"system_image_guid\": \"0002c90300445569\",\n"
-                    "        \"port_1_guid\": \"0002c90300445567\"\n    }\n}");
-}
-
 }  // namespace
