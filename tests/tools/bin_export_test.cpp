@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "fixtures/cntx_builder.h"
 #include "fixtures/data_file_builder.h"
 #include "fixtures/run_process.h"
 #include "fixtures/schema_builder.h"
@@ -72,6 +73,39 @@ TEST(BinExport, PagesBecomeFilesPerSourceAndReadBack) {
     const ProcessResult back = run_obx_read({"-s", schemas.path(), "-f", "ndjson", out.file(names[0]), out.file(names[1])});
     EXPECT_EQ(back.exit_status, 0) << back.err;
     EXPECT_EQ(back.out, "{\"x\":1}\n{\"x\":2}\n{\"x\":5}\n{\"x\":6}\n{\"x\":3}\n{\"x\":4}\n");
+}
+
+TEST(BinExport, CntxFirstAndChangingPageSizes) {
+    TempDir data, out, schemas;
+    FileHeaderFields head;
+    head.block_size = 8192;
+    const Bytes metrics = example_block();
+    const Bytes small = event_block(0, 0, 1, Bytes(4, 1), T0), large = event_block(0, 0, 2, Bytes(8, 2), T0);
+    const std::string input = data.file("in.bin");
+    write_file(input, data_file(head, {concat({page_frame(metrics, frame(Codec::snappy, "M", "", T0)),
+                                               page_frame(small, frame(Codec::gzip, "D", "", T0)),
+                                               page_frame(large, frame(Codec::gzip, "D", "", T0 + S))})}));
+    const ProcessResult r = run_obx_read({"-s", schemas.path(), "-f", "bin", "--output-dir", out.path(), input});
+    EXPECT_EQ(r.exit_status, 0) << r.err;
+    const auto files = read_written_files(out.path());
+    std::vector<std::string> names;
+    for (const auto& f : files) names.push_back(f.first);
+    // A page of another size leaves the file; its own first time names the next one.
+    ASSERT_EQ(names, (std::vector<std::string>{"2023/1114/D/1700000000000000.bin", "2023/1114/D/1700000001000000.bin",
+                                               "2023/1114/M/1700000000000000.bin"}));
+    EXPECT_EQ(files.at(names[0]).body, small);
+    EXPECT_EQ(files.at(names[0]).block_size, small.size());
+    EXPECT_EQ(files.at(names[1]).body, large);
+    EXPECT_EQ(files.at(names[2]).body, metrics);
+    // The metrics come back as they went in (labels in the order of a map, not checked here).
+    const ProcessResult back = run_obx_read({"-s", schemas.path(), "-f", "ndjson", out.file(names[2])},
+                                            ProcessOptions{{"TZ=UTC"}, ""});
+    EXPECT_EQ(back.exit_status, 0) << back.err;
+    const std::string head_text = R"({"timestamp":1700000001000000,"@timestamp":"2023-11-14 22:13:21.000","labels":)";
+    const std::string tail_text = R"(,"metrics":[{"tx_bytes":250}]})" "\n";
+    ASSERT_GT(back.out.size(), head_text.size() + tail_text.size());
+    EXPECT_EQ(back.out.substr(0, head_text.size()), head_text);
+    EXPECT_EQ(back.out.substr(back.out.size() - tail_text.size()), tail_text);
 }
 
 TEST(BinExport, OutputFolderMustExist) {
