@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "fixtures/fake_sysfs.h"
 #include "fixtures/log_capture.h"
 #include "fixtures/temp_dir.h"
 #include "host/client_id.h"
@@ -20,29 +21,10 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-// A sysfs tree of its own: adapters with the files the collector reads.
-struct FakeSysfs {
-    obx_test::TempDir dir;
-    FakeSysfs() { obx_hca_info_set_sysfs_root(dir.path().c_str()); }
-    ~FakeSysfs() { obx_hca_info_set_sysfs_root(nullptr); }
-    void file(const std::string& relative, const std::string& content) {
-        const std::string path = dir.path() + "/class/infiniband/" + relative;
-        std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-        std::ofstream(path, std::ios::binary) << content;
-    }
-    void adapter(const std::string& name, int ports) {
-        file(name + "/node_guid", "0002:c903:0044:5566\n");
-        file(name + "/sys_image_guid", "0002:c903:0044:5569\n");
-        for (int p = 1; p <= ports; ++p)
-            file(name + "/ports/" + std::to_string(p) + "/gids/0",
-                 "fe80:0000:0000:0000:0002:c903:0044:556" + std::to_string(6 + p) + "\n");
-    }
-};
-
 std::string field(const char* bytes, size_t width) { return std::string(bytes, strnlen(bytes, width)); }
 
 TEST(HcaInfo, CollectFromSysfs) {
-    FakeSysfs sysfs;
+    obx_test::FakeSysfs sysfs;
     sysfs.adapter("mlx5_0", 2);
     sysfs.adapter("mlx5_1", 1);
     sysfs.file("mlx5_2/node_guid", "0002:c903:0044:55aa\n");  // nothing else there
@@ -76,7 +58,7 @@ TEST(HcaInfo, CollectFromSysfs) {
 }
 
 TEST(HcaInfo, NoTreeAndLongNames) {
-    FakeSysfs sysfs;
+    obx_test::FakeSysfs sysfs;
     obx_adapter_record_t records[1];
     obx_test::LogCapture log;
     obx_hca_info_collect(records, 1);
@@ -153,7 +135,7 @@ TEST(HcaInfo, JsonTextPrintAndDigest) {
 }
 
 TEST(HcaInfo, PortWithoutSmi) {
-    FakeSysfs sysfs;
+    obx_test::FakeSysfs sysfs;
     sysfs.file("m/ports/1/has_smi", "0\n");
     sysfs.file("m/ports/2/has_smi", "1\n");
     sysfs.file("m/ports/3/has_smi", "");
