@@ -3,6 +3,7 @@
 // and read back to the same records.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -106,6 +107,28 @@ TEST(BinExport, CntxFirstAndChangingPageSizes) {
     ASSERT_GT(back.out.size(), head_text.size() + tail_text.size());
     EXPECT_EQ(back.out.substr(0, head_text.size()), head_text);
     EXPECT_EQ(back.out.substr(back.out.size() - tail_text.size()), tail_text);
+}
+
+TEST(BinExport, GeneratedFilesOfManyPagesReadBackTheSame) {
+    TempDir gen, out;
+    const ProcessResult made = run_obx({"gen", "--out", gen.path(), "--sources", "node[1-2]", "--seconds", "30",
+                                        "--compress", "gzip"});
+    ASSERT_EQ(made.exit_status, 0) << made.err;
+    const ProcessResult r = run_obx_read({"-s", gen.file("schema"), "-d", gen.file("data"), "-f", "bin", "--output-dir", out.path()});
+    ASSERT_EQ(r.exit_status, 0) << r.err;
+    size_t lines = 0;
+    for (const char* kind : {"events", "metrics"}) {
+        for (const char* node : {"node_1", "node_2"}) {
+            const std::string name = std::string("/2023/1114/") + node + "/" + kind + "_1700000000000000.bin";
+            const ProcessOptions utc{{"TZ=UTC"}, ""};
+            const ProcessResult before = run_obx_read({"-s", gen.file("schema"), "-f", "ndjson", gen.file("data") + name}, utc);
+            const ProcessResult after = run_obx_read({"-s", gen.file("schema"), "-f", "ndjson", out.path() + name}, utc);
+            EXPECT_EQ(after.exit_status, 0) << name << after.err;
+            EXPECT_EQ(after.out, before.out) << name;
+            lines += static_cast<size_t>(std::count(after.out.begin(), after.out.end(), '\n'));
+        }
+    }
+    EXPECT_GT(lines, 1000u);
 }
 
 TEST(BinExport, OutputFolderMustExist) {
