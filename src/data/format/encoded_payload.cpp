@@ -199,8 +199,8 @@ size_t obx_copy_as_pascal_string_info_buffer(const char* string, size_t max_leng
                     static_cast<unsigned long>(length));
         length = kMaxPascalLength;
     }
-    // The length byte needs its own room: a buffer of exactly `length` bytes is too small.
-    if (length >= out_size) {
+    // The text alone is compared with the room: the length byte comes on top of out_size.
+    if (length > out_size) {
         OBX_LOG_ERR("[%s] buffer of %lu bytes is too small to accomodate string of %lu bytes", __func__,
                     static_cast<unsigned long>(out_size), static_cast<unsigned long>(length));
         return 0;

@@ -31,7 +31,9 @@ struct obx_encoded_header_t {
 bool obx_encoded_header_read(const uint8_t* header, size_t available, obx_encoded_header_t* out);
 
 // One length byte, then at most 255 bytes of `string` (cut at max_length or its NUL).
-// Returns the bytes written, 0 when they do not fit in `out_size`.
+// Returns the bytes written, 0 when the text is longer than `out_size`. Only the text is
+// compared with `out_size`: `out` must hold out_size + 1 bytes. The header makers size
+// their buffers by obx_obxp_header_size, which leaves that byte.
 size_t obx_copy_as_pascal_string_info_buffer(const char* string, size_t max_length, uint8_t* out,
                                              size_t out_size);
 

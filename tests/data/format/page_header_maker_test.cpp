@@ -48,4 +48,36 @@ TEST(PageHeaderMaker, FromADataPage) {
     }
 }
 
+TEST(PageHeaderMaker, PascalCopyComparesTheTextAloneWithTheRoom) {
+    const std::string long_text(300, 'x');
+    const std::string cut = "[obx_copy_as_pascal_string_info_buffer] string of 300 bytes cannot fit pascal string, "
+                            "truncated to 255 characters";
+    const struct {
+        std::string text;
+        size_t max_length, out_size, result;
+        Texts errors;
+    } cases[] = {
+        {"abc", 64, 3, 4, {}},
+        {"abc", 64, 2, 0, {"[obx_copy_as_pascal_string_info_buffer] buffer of 2 bytes is too small to accomodate string of 3 bytes"}},
+        {"abcdef", 2, 2, 3, {}},
+        {"", 64, 0, 1, {}},
+        {long_text, 400, 255, 256, {cut}},
+        {long_text, 400, 254, 0, {cut, "[obx_copy_as_pascal_string_info_buffer] buffer of 254 bytes is too small to "
+                                       "accomodate string of 255 bytes"}},
+    };
+    for (const auto& c : cases) {
+        obx_test::LogCapture log;
+        Bytes out(c.out_size + 2, 0xEE);  // room for the length byte, and one more to see nothing spills
+        EXPECT_EQ(obx_copy_as_pascal_string_info_buffer(c.text.c_str(), c.max_length, out.data(), c.out_size), c.result)
+            << c.text.size() << " into " << c.out_size;
+        EXPECT_EQ(log.at(OBX_LOG_ERROR), c.errors);
+        if (c.result) {
+            EXPECT_EQ(out[0], c.result - 1);
+            EXPECT_EQ(std::string(out.begin() + 1, out.begin() + static_cast<long>(c.result)), c.text.substr(0, c.result - 1));
+        }
+        EXPECT_EQ(out[c.result], 0xEE);  // nothing written past the copy (nothing at all on failure)
+        EXPECT_EQ(out.back(), 0xEE);
+    }
+}
+
 }  // namespace
