@@ -101,8 +101,8 @@ void obx_log_init_from_env(void) {
     if (!text) text = std::getenv("API_LOG_LEVEL");
     int level = 0;
     if (text && std::sscanf(text, "%d", &level) != 1) level = 0;
-    // A negative level would read back as the not-set marker and restart this on every call.
-    if (level < 0) level = 0;
+    // A negative number is taken as it is: as an unsigned level it lets every message
+    // through (and -1, the not-set marker, comes back here on each call).
     obx_init_stderr_logger(static_cast<uint32_t>(level));
 }
 
@@ -220,8 +220,9 @@ bool obx_logger_has_mutex(void) { return g_mutex != nullptr; }
 void obx_log_hexdump(const void* data, size_t size) {
     if (!obx_log_enabled(OBX_LOG_DEBUG) || size == 0 || !data) return;
     const auto* bytes = static_cast<const unsigned char*>(data);
-    // Hex column: "XX " a byte and a blank after every eighth byte and after the last
-    // one, padded so that the text column starts at the same place on a short line.
+    // Hex column: "XX " a byte and a blank after every eighth. A short last line gets one
+    // blank if it holds fewer than 9 bytes, then three per missing byte, so it can end up
+    // a blank narrower than a full line.
     char line[64];
     char text[17];
     for (size_t start = 0; start < size; start += 16) {
@@ -232,7 +233,7 @@ void obx_log_hexdump(const void* data, size_t size) {
             char piece[8];
             std::snprintf(piece, sizeof(piece), "%02X ", byte);
             std::strncat(line, piece, sizeof(line) - 1 - std::strlen(line));
-            if ((i + 1) % 8 == 0 || i + 1 == count) std::strncat(line, " ", sizeof(line) - 1 - std::strlen(line));
+            if ((i + 1) % 8 == 0) std::strncat(line, " ", sizeof(line) - 1 - std::strlen(line));
             text[i] = (byte >= 0x20 && byte <= 0x7E) ? static_cast<char>(byte) : '.';
         }
         text[count] = '\0';

@@ -91,8 +91,9 @@ obx_string_array_t* obx_string_array_from_comma_list(const char* text, size_t le
     }
     char token[kCommaTokenSize];
     size_t used = 0;
-    // A NUL before `length` ends the text, so no element is cut short or left empty.
-    const size_t end = strnlen(text ? text : "", length);
+    // All `length` bytes are scanned: a zero byte is taken into its token, which then
+    // ends there when appended as a text.
+    const size_t end = text ? length : 0;
     for (size_t i = 0; i <= end; ++i) {
         const bool at_end = i == end;
         if (!at_end && text[i] != ',') {
