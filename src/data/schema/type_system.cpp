@@ -79,17 +79,6 @@ obx_schema_t* obx_type_system_load_schema_file(obx_type_system_t* system, const 
     return schema;
 }
 
-// A schema whose types cannot be resolved keeps the position it was given, but without
-// types: events that name it then find no type instead of reading through unset fields.
-static void drop_types(obx_schema_t* schema)
-{
-    for (size_t i = 0; i < schema->num_types; ++i) {
-        obx_type_definition_destroy(schema->types[i]);
-        schema->types[i] = nullptr;
-    }
-    schema->num_types = 0;
-}
-
 int obx_type_system_add_schema(obx_type_system_t* system, const char* json_text, uint8_t* out_index)
 {
     if (!system || system->num_schemas >= OBX_MAX_SCHEMAS)
@@ -143,11 +132,9 @@ int obx_type_system_add_schema(obx_type_system_t* system, const char* json_text,
     if (out_index)
         *out_index = index;
     system->num_schemas++;
-    if (!obx_type_system_adjust_schema(system, schema)) {
-        OBX_LOG_ERR("Schema %s keeps position %u without types: its types could not be resolved",
-                    schema->name ? schema->name : "", static_cast<unsigned>(index));
-        drop_types(schema);
-    }
+    // Kept whatever the adjustment says: a field it could not resolve has no type, which
+    // every reader of fields tests before use.
+    obx_type_system_adjust_schema(system, schema);
     return 0;
 }
 
@@ -169,6 +156,17 @@ obx_schema_t* obx_type_system_new_schema(obx_type_system_t* system, const char* 
     if (out_index)
         *out_index = index;
     return schema;
+}
+
+// A moved schema whose types cannot be resolved here keeps its position without types:
+// its fields may still point at the other system's built-ins, which die with it.
+static void drop_types(obx_schema_t* schema)
+{
+    for (size_t i = 0; i < schema->num_types; ++i) {
+        obx_type_definition_destroy(schema->types[i]);
+        schema->types[i] = nullptr;
+    }
+    schema->num_types = 0;
 }
 
 int obx_type_system_add_schemas_of(obx_type_system_t* system, obx_type_system_t* other, uint8_t* out_index)

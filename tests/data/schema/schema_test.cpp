@@ -7,7 +7,9 @@
 #include <vector>
 
 #include "data/schema/built_in_types.h"
+#include "data/schema/event_json.h"
 #include "data/schema/schema_json.h"
+#include "data/schema/type_system.h"
 #include "fixtures/json_value.h"
 #include "fixtures/log_capture.h"
 #include "fixtures/schema_builder.h"
@@ -161,3 +163,26 @@ TEST_F(SchemaTest, SchemaFilesLoadedOrRefusedWithTheirCause) {
 }
 
 }  // namespace
+
+// A schema added as text keeps its place and its types even when a field names a type
+// that does not exist; an event of such a type cannot be rendered, and says so safely.
+TEST(TypeSystem, AddedSchemaKeepsItsTypesWhenTheyCannotBeResolved) {
+    obx_type_system_t* system = obx_type_system_create();
+    ASSERT_NE(system, nullptr);
+    const std::string good = obx_test::EventSchemaDoc("good").type("g", {{"a", "uint8_t"}}).pretty();
+    const std::string broken = obx_test::EventSchemaDoc("broken").type("b", {{"x", "no_such_type"}, {"y", "uint8_t"}}).pretty();
+    uint8_t index = 99;
+    EXPECT_EQ(obx_type_system_add_schema(system, good.c_str(), &index), 0);
+    EXPECT_EQ(index, 0);
+    EXPECT_EQ(obx_type_system_add_schema(system, broken.c_str(), &index), 0);
+    EXPECT_EQ(index, 1);
+    ASSERT_EQ(system->num_schemas, 2u);
+    ASSERT_EQ(system->schemas[1]->num_types, 1u);
+    EXPECT_STREQ(system->schemas[1]->types[0]->name, "b");
+    EXPECT_EQ(system->schemas[1]->types[0]->fields[0]->type, nullptr);
+    EXPECT_EQ(obx_type_system_add_schema(system, broken.c_str(), &index), 0);  // known by its text
+    EXPECT_EQ(index, 1);
+    const uint8_t event[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    EXPECT_EQ(obx_event_to_json(system->schemas[1]->types[0], event), nullptr);
+    obx_type_system_destroy(system);
+}
