@@ -7,7 +7,14 @@
 #include <exception>
 #include <stdexcept>
 
+#include "counters/counter_group/counter_enums.h"
+#include "counters/counter_group/counter_group.h"
+#include "counters/counter_group/counter_info.h"
+#include "counters/counter_group/counters_schema.h"
 #include "data/format/data_file_format.h"
+#include "data/format/data_page_layout.h"
+#include "data/schema/type_system.h"
+#include "utils/logger.h"
 #include "data/schema/built_in_types.h"
 #include "data/schema/type_definition.h"
 
@@ -60,10 +67,225 @@ InfluxSerializer::InfluxSerializer()
 std::vector<std::string> InfluxSerializer::serializePage(const SerializerTags& tags, const obx_data_page_t* page,
                                                          const obx_type_system_t* type_system)
 {
-    (void)tags;
-    (void)page;
-    (void)type_system;
-    return {};
+    std::vector<std::string> lines;
+    if (!page || !type_system) return lines;
+    const uint8_t* base = reinterpret_cast<const uint8_t*>(page);
+    const uint64_t end = page->filled_bytes < page->page_size ? page->filled_bytes : page->page_size;
+    const obx_counters_schema_t* counters = type_system->counters_schema;
+    uint64_t offset = OBX_DATA_PAGE_HEADER_SIZE;
+    while (offset < end) {
+        const uint8_t* block = base + offset;
+        // A block letter needs four bytes; fewer left read as no block.
+        const uint32_t type = end - offset >= OBX_MAGIC_SIZE ? obx_block_type_get(block) : OBX_UNKNOWN_BLOCK;
+        if (type == OBX_EVENTS_BLOCK) {
+            uint64_t consumed = 0;
+            for (std::string& line : serializeEventBlock(tags, type_system, block, end - offset, consumed))
+                lines.push_back(std::move(line));
+            if (consumed == 0) {
+                OBX_LOG_ERR("[influx] event block of an unknown type at byte %lu of the page: the rest of the page "
+                            "is not read",
+                            static_cast<unsigned long>(offset));
+                break;
+            }
+            offset += consumed;
+        } else if (type == OBX_COUNTERS_BLOCK) {
+            const uint64_t size = OBX_COUNTERS_BLOCK_HEAD_SIZE + (counters ? counters->size_of_counters : 0);
+            if (counters && end - offset >= size && end - offset >= OBX_COUNTERS_BLOCK_HEAD_SIZE + 8ull * obx_counters_schema_total_values(counters)) {
+                for (const InfluxMeasurement& measurement : buildMeasurements(tags, page, counters))
+                    if (!measurement.fields.empty()) lines.push_back(serializeMeasurement(measurement, block));
+            }
+            offset += size;
+        } else if (type == OBX_SCHEMAS_BLOCK && end - offset >= OBX_SCHEMAS_BLOCK_COUNT) {
+            // A size of 0 would hold the walk in place: step one byte instead.
+            const uint16_t size = obx_le_u16(block + OBX_SCHEMAS_BLOCK_SIZE);
+            offset += size ? size : 1;
+        } else {
+            offset += 1;
+        }
+    }
+    return lines;
+}
+
+std::vector<std::string> InfluxSerializer::serializeEventBlock(const SerializerTags& tags,
+                                                               const obx_type_system_t* type_system,
+                                                               const uint8_t* block, uint64_t remaining,
+                                                               uint64_t& consumed) const
+{
+    std::vector<std::string> lines;
+    consumed = 0;
+    if (remaining < OBX_EVENT_BLOCK_HEAD_SIZE) return lines;
+    obx_event_block_head_t head;
+    obx_event_block_head_read(block, &head);
+    const obx_type_definition_t* type = obx_type_system_event_type(type_system, head.schema_index, head.type_index);
+    if (!type) return lines;
+    consumed = OBX_EVENT_BLOCK_HEAD_SIZE;
+    const uint64_t size = type->size;
+    if (head.num_events == 0 || remaining < size + OBX_EVENT_BLOCK_HEAD_SIZE) return lines;
+    for (uint8_t i = 0; i < head.num_events && consumed + size <= remaining; ++i) {
+        lines.push_back(serializeEventLine(tags, type, block + consumed, head.timestamp));
+        consumed += size;
+    }
+    return lines;
+}
+
+namespace {
+
+// "0x" and the 16 stored characters of a GUID field.
+std::string guid_text(const char (&guid)[OBX_ADAPTER_GUID_SIZE]) {
+    return "0x" + std::string(guid, OBX_ADAPTER_GUID_SIZE);
+}
+
+// Prefixes are compared as texts that end at their first zero byte.
+bool starts_with_prefix(const std::string& name, const std::string& prefix, size_t* length) {
+    const size_t n = strnlen(prefix.c_str(), prefix.size());
+    *length = n;
+    return name.compare(0, n, prefix.c_str(), n) == 0;
+}
+
+}  // namespace
+
+std::vector<InfluxMeasurement> InfluxSerializer::buildMeasurements(const SerializerTags& tags,
+                                                                   const obx_data_page_t* page,
+                                                                   const obx_counters_schema_t* counters_schema) const
+{
+    std::vector<InfluxMeasurement> adapters, ports, cpus;
+    std::string node_guid, image_guid;
+    for (const obx_adapter_record_t& record : page->adapters) {
+        if (record.name[0] == '\0') continue;
+        if (node_guid.empty()) {
+            node_guid = guid_text(record.node_guid);
+            image_guid = guid_text(record.system_image_guid);
+        }
+        const std::string name(record.name, OBX_ADAPTER_NAME_SIZE);  // padding zeros included
+        InfluxMeasurement adapter{"hca_counters", tags, name + ":", {}};
+        adapter.tags["hca_name"] = name;
+        adapter.tags["node_guid"] = guid_text(record.node_guid);
+        adapter.tags["system_image_guid"] = guid_text(record.system_image_guid);
+        adapters.push_back(adapter);
+        const struct {
+            const char (*guid)[OBX_ADAPTER_GUID_SIZE];
+            const char* number;
+        } port_guids[] = {{&record.port_1_guid, "1"}, {&record.port_2_guid, "2"}};
+        for (const auto& port_guid : port_guids) {
+            if (port_guid.number[0] == '2' && record.port_2_guid[0] == '\0') continue;
+            InfluxMeasurement port{"hca_port_counters", tags, name + ":" + port_guid.number + ":", {}};
+            port.tags["hca_name"] = name;
+            port.tags["node_guid"] = guid_text(record.node_guid);
+            port.tags["port_num"] = port_guid.number;
+            port.tags["port_guid"] = guid_text(*port_guid.guid);
+            ports.push_back(port);
+        }
+    }
+    auto with_guids = [&](const char* measurement) {
+        InfluxMeasurement m{measurement, tags, "", {}};
+        if (!node_guid.empty()) m.tags["node_guid"] = node_guid;
+        if (!image_guid.empty()) m.tags["system_image_guid"] = image_guid;
+        return m;
+    };
+    const uint32_t groups = counters_schema ? counters_schema->num_groups : 0;
+    for (uint32_t g = 0; g < groups; ++g) {
+        const obx_counter_group_t* group = counters_schema->groups[g];
+        if (group->granularity != OBX_COUNTER_GRANULARITY_CPU) continue;
+        for (uint32_t s = 0; s < group->num_counter_sets; ++s) {
+            cpus.push_back(with_guids("cpu_counters"));
+            cpus.back().tags["cpu_num"] = std::to_string(s);
+        }
+        break;
+    }
+    InfluxMeasurement node = with_guids("node_counters");
+
+    uint64_t value_index = 0;
+    for (uint32_t g = 0; g < groups; ++g) {
+        const obx_counter_group_t* group = counters_schema->groups[g];
+        if (group->granularity == OBX_COUNTER_GRANULARITY_CPU) {
+            // Measurements were made for the first CPU group's sets; a set beyond them has none.
+            for (uint32_t s = 0; s < group->num_counter_sets; ++s)
+                for (uint32_t c = 0; c < group->num_counters; ++c, ++value_index)
+                    if (s < cpus.size())
+                        cpus[s].fields.push_back({group->counters[c]->name ? group->counters[c]->name : "", value_index,
+                                                  group->counters[c]->data_type});
+        } else if (group->granularity == OBX_COUNTER_GRANULARITY_NODE) {
+            for (uint32_t c = 0; c < group->num_counters; ++c, ++value_index) {
+                const obx_counter_info_t* counter = group->counters[c];
+                const std::string name = counter->name ? counter->name : "";
+                InfluxMeasurement* target = nullptr;
+                std::string field = name;
+                size_t length = 0;
+                if (name.compare(0, 3, "vzn") == 0) {
+                    for (InfluxMeasurement& port : ports)
+                        if (starts_with_prefix(name, port.counter_prefix, &length)) {
+                            target = &port;
+                            break;
+                        }
+                    if (!target)
+                        for (InfluxMeasurement& adapter : adapters)
+                            if (starts_with_prefix(name, adapter.counter_prefix, &length) && length < name.size() &&
+                                std::isalpha(static_cast<unsigned char>(name[length]))) {
+                                target = &adapter;
+                                break;
+                            }
+                    if (target) field = name.substr(length);
+                }
+                if (!target) target = &node;
+                target->fields.push_back({field, value_index, counter->data_type});
+            }
+        } else {
+            value_index += static_cast<uint64_t>(group->num_counter_sets) * group->num_counters;
+        }
+    }
+    std::vector<InfluxMeasurement> result;
+    result.push_back(node);
+    result.insert(result.end(), cpus.begin(), cpus.end());
+    result.insert(result.end(), ports.begin(), ports.end());
+    result.insert(result.end(), adapters.begin(), adapters.end());
+    return result;
+}
+
+std::string InfluxSerializer::serializeMeasurement(const InfluxMeasurement& measurement, const uint8_t* block) const
+{
+    std::string line = escape(measurement.name, measurement_escapes);
+    const std::string tag_text = serializeTags(measurement.tags);
+    if (!tag_text.empty()) line += "," + tag_text;
+    std::string fields;
+    for (const InfluxCounterField& field : measurement.fields) {
+        if (!fields.empty()) fields += ",";
+        fields += escape(field.name, key_escapes) + "=" +
+                  renderCounterValue(block + OBX_COUNTERS_BLOCK_HEAD_SIZE + 8 * field.value_index, field.data_type);
+    }
+    line += " " + fields;
+    line += " " + std::to_string(obx_le_u64(block + OBX_COUNTERS_BLOCK_TIMESTAMP) / 1000);
+    return line;
+}
+
+std::vector<std::string> InfluxSerializer::serializeCountersByGroup(const SerializerTags& tags, const uint8_t* block,
+                                                                    const obx_counters_schema_t* counters_schema) const
+{
+    std::vector<std::string> lines;
+    if (!counters_schema) return lines;
+    const std::string tag_text = serializeTags(tags);
+    const std::string time = std::to_string(obx_le_u64(block + OBX_COUNTERS_BLOCK_TIMESTAMP) / 1000);
+    const uint8_t* values = block + OBX_COUNTERS_BLOCK_HEAD_SIZE;
+    for (uint32_t g = 0; g < counters_schema->num_groups; ++g) {
+        const obx_counter_group_t* group = counters_schema->groups[g];
+        const std::string measurement = escape(group->name ? group->name : "counters", measurement_escapes);
+        const char* granularity = obx_counter_granularity_to_string(group->granularity);
+        for (uint32_t s = 0; s < group->num_counter_sets; ++s) {
+            std::string line = measurement + "," + tag_text;
+            if (group->num_counter_sets >= 2)
+                line += "," + escape(granularity ? granularity : "", key_escapes) + "=" + std::to_string(s);
+            line += " ";
+            for (uint32_t c = 0; c < group->num_counters; ++c) {
+                if (c) line += ",";
+                const obx_counter_info_t* counter = group->counters[c];
+                line += escape(counter->name ? counter->name : "", key_escapes) + "=" +
+                        renderCounterValue(values + 8 * c, counter->data_type);
+            }
+            line += " " + time;
+            lines.push_back(line);
+            values += 8ull * group->num_counters;
+        }
+    }
+    return lines;
 }
 
 std::string InfluxSerializer::escape(const std::string& text, const std::vector<std::string>& escapes)

@@ -11,16 +11,50 @@
 struct obx_type_definition_t;
 struct obx_type_field_definition_t;
 
+struct obx_counters_schema_t;
+
 namespace obx {
 namespace data {
+
+// One field of a counters measurement: the value at block + 16 + 8 x value_index.
+struct InfluxCounterField {
+    std::string name;
+    uint64_t value_index;
+    int32_t data_type;
+};
+
+// One future line of a counters block.
+struct InfluxMeasurement {
+    std::string name;
+    SerializerTags tags;
+    // The start of a counter's name that selects this measurement, seen as a text that
+    // ends at its first zero byte; empty for CPU and node measurements.
+    std::string counter_prefix;
+    std::vector<InfluxCounterField> fields;
+};
 
 class InfluxSerializer : public Serializer {
 public:
     InfluxSerializer();
 
-    // Lines of a page. Pages are not read yet: the result is empty.
+    // Lines of a page: one per event and one per measurement of each counters block.
+    // Blocks are read only within the page's bytes. An event block whose type is unknown
+    // ends the walk with an error line: stepping nowhere would never end.
     std::vector<std::string> serializePage(const SerializerTags& tags, const obx_data_page_t* page,
                                            const obx_type_system_t* type_system) override;
+    // Lines of the event block at `block` with `remaining` bytes there; `consumed` is 0
+    // when its type is unknown.
+    std::vector<std::string> serializeEventBlock(const SerializerTags& tags, const obx_type_system_t* type_system,
+                                                 const uint8_t* block, uint64_t remaining, uint64_t& consumed) const;
+    // Node, CPU, port and adapter measurements of a page's counters, in that order.
+    std::vector<InfluxMeasurement> buildMeasurements(const SerializerTags& tags, const obx_data_page_t* page,
+                                                     const obx_counters_schema_t* counters_schema) const;
+    // One full line of a measurement over the counters block at `block`.
+    std::string serializeMeasurement(const InfluxMeasurement& measurement, const uint8_t* block) const;
+    // A line per group and counter set; nothing in this system calls it. `block` must
+    // hold the schema's values behind its 16-byte head.
+    std::vector<std::string> serializeCountersByGroup(const SerializerTags& tags, const uint8_t* block,
+                                                      const obx_counters_schema_t* counters_schema) const;
 
     // "name=value" texts of the record's fields in field order; `prefix` names the
     // enclosing field ("" at the top).

@@ -31,17 +31,10 @@ const obx_counters_schema_t* counters_schema_of(const obx_reader_context_t* cont
     return context->type_system ? context->type_system->counters_schema : nullptr;
 }
 
-// Looks the type up by position: the schema's place among the loaded schemas and the
-// low byte of type_index (the high byte is carried in the block but indexes nothing).
 const obx_type_definition_t* event_type_of(const obx_reader_context_t* context, uint8_t schema_index,
                                            uint16_t type_index)
 {
-    const obx_type_system_t* system = context->type_system;
-    if (!system || schema_index >= system->num_schemas) return nullptr;
-    const obx_schema_t* schema = system->schemas[schema_index];
-    const uint8_t position = static_cast<uint8_t>(type_index & 0xFFu);
-    if (!schema || position >= schema->num_types) return nullptr;
-    return schema->types[position];
+    return obx_type_system_event_type(context->type_system, schema_index, type_index);
 }
 
 }  // namespace

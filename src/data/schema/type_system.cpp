@@ -79,6 +79,16 @@ obx_schema_t* obx_type_system_load_schema_file(obx_type_system_t* system, const 
     return schema;
 }
 
+const obx_type_definition_t* obx_type_system_event_type(const obx_type_system_t* system, uint8_t schema_index,
+                                                        uint16_t type_index)
+{
+    if (!system || schema_index >= system->num_schemas) return nullptr;
+    const obx_schema_t* schema = system->schemas[schema_index];
+    const uint8_t position = static_cast<uint8_t>(type_index & 0xFFu);
+    if (!schema || position >= schema->num_types) return nullptr;
+    return schema->types[position];
+}
+
 int obx_type_system_add_schema(obx_type_system_t* system, const char* json_text, uint8_t* out_index)
 {
     if (!system || system->num_schemas >= OBX_MAX_SCHEMAS)

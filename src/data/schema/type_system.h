@@ -48,6 +48,11 @@ int obx_type_system_add_schemas_of(obx_type_system_t* system, obx_type_system_t*
 bool obx_type_system_adjust_schema(obx_type_system_t* system, obx_schema_t* schema);
 void obx_type_system_remove_last_schema(obx_type_system_t* system);
 // Looks `md5_text` up among the schemas' md5_digest_str.
+// The type an event block names: the schema's place among the loaded schemas and the
+// low byte of type_index (the high byte is carried in the block but indexes nothing).
+// nullptr when either is not there.
+const obx_type_definition_t* obx_type_system_event_type(const obx_type_system_t* system, uint8_t schema_index,
+                                                        uint16_t type_index);
 bool obx_type_system_find_schema(const obx_type_system_t* system, const char* md5_text, uint8_t* out_index);
 // Fills every schema's digest and its text anew from the schema encoded anew.
 void obx_type_system_recalculate_md5(obx_type_system_t* system);
