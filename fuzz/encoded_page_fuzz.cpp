@@ -35,11 +35,7 @@ void decode_encoded(const uint8_t* header, size_t available) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static bool quiet = [] {
-        obx_log_set_callback(obx_fuzz::discard_log, OBX_LOG_DEBUG);
-        return true;
-    }();
-    (void)quiet;
+    obx_fuzz::quiet_log();
 
     decode_encoded(data, size);
 

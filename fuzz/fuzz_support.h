@@ -8,6 +8,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "utils/logger.h"
+
 namespace obx_fuzz {
 
 // Log callback that formats every message, so the log arguments are exercised, and drops it.
@@ -17,6 +19,12 @@ inline void discard_log(uint32_t, const char* format, ...) {
     va_start(args, format);
     std::vsnprintf(text, sizeof(text), format, args);
     va_end(args);
+}
+
+// Formats and drops every log line from the first call on, once per process.
+inline void quiet_log() {
+    static const bool done = (obx_log_set_callback(discard_log, OBX_LOG_DEBUG), true);
+    (void)done;
 }
 
 // Sends standard output to /dev/null while it lives; pending output is flushed on both edges.

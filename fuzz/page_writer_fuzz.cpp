@@ -56,11 +56,7 @@ uint64_t check_files_and_sum_bodies() {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static bool quiet = [] {
-        obx_log_set_callback(obx_fuzz::discard_log, OBX_LOG_DEBUG);
-        return true;
-    }();
-    (void)quiet;
+    obx_fuzz::quiet_log();
     if (size < 16 || size > (1u << 20)) return 0;
     const uint8_t minor = data[0];
     const uint32_t block_size = obx_le_u16(data + 1);

@@ -35,11 +35,7 @@ bool divides_by_zero(const std::string& text) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static bool quiet = [] {
-        obx_log_set_callback(obx_fuzz::discard_log, OBX_LOG_DEBUG);
-        return true;
-    }();
-    (void)quiet;
+    obx_fuzz::quiet_log();
     uint64_t first = 0;
     if (size >= 8) {
         std::memcpy(&first, data, 8);
