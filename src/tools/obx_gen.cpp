@@ -34,6 +34,7 @@
 #include "data/writer/schema_writer.h"
 #include "host/client_id.h"
 #include "host/source.h"
+#include "metrics/histogram.h"
 #include "tools/obx_command.h"
 #include "utils/json.h"
 #include "utils/version.h"
@@ -375,21 +376,22 @@ void cntx_block(Bytes& out, Host& host, uint64_t second, const obx_source_t& sou
     block.text("cnti");
     Random& r = host.random;
     for (uint8_t port = 0; port < 2; ++port) {
-        Bytes hist;
-        hist.text("HIST").u64(second).short_string("rpc_latency_us").u8(8);
+        obx::metrics::Histogram hist;
+        hist.name = "rpc_latency_us";
+        hist.timestamp = second;
         // Cumulative bucket counts; an observation counts at three quarters of its bound.
-        uint64_t count = 0;
-        double sum = 0;
         for (double bound : kBounds) {
             const uint64_t in_bucket = r.below(200);
-            count += in_bucket;
-            sum += 0.75 * bound * static_cast<double>(in_bucket);
-            hist.f64(bound).u64(count);
+            hist.count += in_bucket;
+            hist.sum += 0.75 * bound * static_cast<double>(in_bucket);
+            hist.buckets.push_back({bound, hist.count});
         }
-        hist.f64(sum).u64(count);
-        labels_by_id(hist, port, static_cast<uint8_t>(2 + port));
-        hist.text("hist");
-        block.data.insert(block.data.end(), hist.data.begin(), hist.data.end());
+        Bytes labels;
+        labels_by_id(labels, port, static_cast<uint8_t>(2 + port));
+        const size_t at = block.data.size();
+        block.data.resize(at + hist.serialized_size(labels.data.size()));
+        obx::metrics::PreallocatedVector room(block.data.data() + at, block.data.size() - at);
+        hist.serialize(labels.data, room);
     }
     block.text("CLBL").u16(4).short_string("site").short_string("lab-a").short_string("host").short_string(source.source_id);
     block.text("clbl");
