@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -129,6 +130,40 @@ TEST(BinExport, GeneratedFilesOfManyPagesReadBackTheSame) {
         }
     }
     EXPECT_GT(lines, 1000u);
+}
+
+TEST(BinExport, BlockedFolderLosesOnlyItsStreamAndSaysSoOnce) {
+    TempDir data, out, schemas;
+    FileHeaderFields head;
+    head.block_size = 4096;
+    const Bytes a1 = event_block(0, 0, 1, Bytes(4, 1), T0), a2 = event_block(0, 0, 1, Bytes(4, 2), T0 + S);
+    const Bytes b1 = event_block(0, 0, 1, Bytes(4, 3), T0), b2 = event_block(0, 0, 1, Bytes(4, 4), T0 + S);
+    const std::string input = data.file("in.bin");
+    write_file(input, data_file(head, {concat({page_frame(a1, frame(Codec::gzip, "A", "", T0)),
+                                               page_frame(b1, frame(Codec::gzip, "B", "", T0)),
+                                               page_frame(b2, frame(Codec::snappy, "B", "", T0 + S)),
+                                               page_frame(a2, frame(Codec::snappy, "A", "", T0 + S))})}));
+    // A plain file stands where the folder of stream B must go.
+    std::filesystem::create_directories(out.file("2023/1114"));
+    write_file(out.file("2023/1114/B"), Bytes{1});
+    const ProcessResult r = run_obx_read({"-s", schemas.path(), "-f", "bin", "--output-dir", out.path(), input});
+    EXPECT_EQ(r.exit_status, 0) << r.err;  // a lost page is not a failed input
+    const std::string lost = "[data_file] Failed to create data file " + out.file("2023/1114/B/1700000000000000.bin");
+    size_t said = 0;
+    for (size_t at = r.err.find(lost); at != std::string::npos; at = r.err.find(lost, at + 1)) ++said;
+    EXPECT_EQ(said, 1u) << r.err;
+
+    std::vector<std::string> entries;
+    for (const auto& e : std::filesystem::recursive_directory_iterator(out.path()))
+        if (e.is_regular_file()) entries.push_back(e.path().string().substr(out.path().size() + 1));
+    std::sort(entries.begin(), entries.end());
+    ASSERT_EQ(entries, (std::vector<std::string>{"2023/1114/A/1700000000000000.bin", "2023/1114/B"}));
+    const WrittenFile a = read_written_file(out.file(entries[0]));
+    EXPECT_EQ(a.first_timestamp, T0);
+    EXPECT_EQ(a.last_timestamp, T0 + S + S / 2);
+    EXPECT_EQ(a.file_size, 256u + 2 * a1.size());
+    EXPECT_EQ(a.size_on_disk, a.file_size);
+    EXPECT_EQ(a.body, concat({a1, a2}));
 }
 
 TEST(BinExport, OutputFolderMustExist) {
