@@ -1,6 +1,7 @@
 #include "serializers/influx_serializer.h"
 
 #include <cctype>
+#include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -121,7 +122,16 @@ std::vector<std::string> InfluxSerializer::serializeEventBlock(const SerializerT
     consumed = OBX_EVENT_BLOCK_HEAD_SIZE;
     const uint64_t size = type->size;
     if (head.num_events == 0 || remaining < size + OBX_EVENT_BLOCK_HEAD_SIZE) return lines;
+    // A trusted layout may read past its record: an event whose reads pass the buffer
+    // is dropped like one that does not fit.
+    const uint64_t reach = obx_type_definition_reach(type);
     for (uint8_t i = 0; i < head.num_events && consumed + size <= remaining; ++i) {
+        if (reach > remaining - consumed) {
+            OBX_LOG_WARN("Event of type '%s' at offset %" PRIu64 " reads %" PRIu64 " bytes, its buffer holds %" PRIu64
+                         " more; the rest of its block is left",
+                         type->name ? type->name : "<unnamed>", consumed, reach, remaining - consumed);
+            break;
+        }
         lines.push_back(serializeEventLine(tags, type, block + consumed, head.timestamp));
         consumed += size;
     }

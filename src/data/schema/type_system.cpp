@@ -48,8 +48,7 @@ bool obx_type_system_adjust_schema(obx_type_system_t* system, obx_schema_t* sche
     for (size_t i = 0; i < schema->num_types; ++i)
         if (!obx_schema_adjust_type_fields(schema, schema->types[i]))
             return false;
-    // Renderers walk records without bounds checks of their own: every field, nested
-    // types included, must lie within its record before the schema is used.
+    // A type that contains itself would be rendered without end.
     return schema->num_types == 0 || obx_schema_validate_layout(schema);
 }
 

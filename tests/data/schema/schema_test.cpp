@@ -72,33 +72,40 @@ TEST_F(SchemaTest, LookupWalksTheBaseChainAndOwnTypesWin) {
     EXPECT_EQ(obx_schema_find_type(schema_, "INT"), nullptr);
 }
 
-// The renderers read records through offsets and sizes without checks of their own.
-TEST_F(SchemaTest, LayoutCheckRefusesFieldsOutsideTheirRecordAndTypesThatContainThemselves) {
-    const struct { uint64_t offset, type_size; uint16_t array_length; bool resolved, fits; } cases[] = {
-        // Past the end, an element below the size of its type, an unresolved type.
-        {5, 4, 1, true, false}, {4, 4, 2, true, false}, {0, 2, 1, true, false}, {0, 4, 1, false, false},
-        {UINT64_MAX - 1, 4, 1, true, false}, {0, UINT64_MAX / 2 + 1, 2, true, false},  // wrapping around
-        {0, 8, 1, true, true},  {4, 4, 1, true, true},  // an element may be larger than its type
-    };
-    ASSERT_EQ(add("rec", {"a", "b"}), OBX_SCHEMA_OK);
-    obx_type_definition_t *rec = schema_->types[0], *int_type = rec->fields[1]->type;
+// Layouts are taken as stated; what a walker must check against its buffer is how far
+// rendering reads: nested types, overlapping and empty arrays, text read byte by byte.
+TEST_F(SchemaTest, ReachOfATypeIsTheFarthestByteItsRenderingReads) {
+    ASSERT_EQ(add("rec", {"a", "b"}), OBX_SCHEMA_OK);  // two ints, size 8
+    ASSERT_EQ(add("outer", {"r"}, "rec"), OBX_SCHEMA_OK);
+    obx_type_definition_t *rec = schema_->types[0], *outer = schema_->types[1], *int_type = rec->fields[1]->type;
     obx_type_field_definition_t* field = rec->fields[1];
+    const struct { uint64_t offset, type_size; uint16_t array_length; const char* type; uint64_t reach; } cases[] = {
+        {4, 4, 1, "int", 8}, {9, 4, 1, "int", 13},         // packed; past the record's size
+        {4, 4, 3, "int", 16}, {4, 1, 3, "int", 10},        // an array; elements that overlap
+        {6, 4, 0, "int", 6}, {2, 4, 1, nullptr, 4},        // nothing read: the first field still ends at 4
+        {4, 4, 8, "char", 12}, {4, 4, 1, "char", 5},       // text is read byte by byte; one char is one byte
+        {UINT64_MAX - 1, 4, 1, "int", UINT64_MAX}, {0, UINT64_MAX / 2 + 1, 3, "int", UINT64_MAX},  // past 64 bits
+    };
     for (const auto& c : cases) {
-        field->offset = c.offset, field->type_size = c.type_size, field->array_length = c.array_length, field->type = c.resolved ? int_type : nullptr;
-        LogCapture log;
-        EXPECT_EQ(obx_type_definition_fits(rec), c.fits) << c.offset << " " << c.type_size << " x" << c.array_length;
-        EXPECT_EQ(log.at(OBX_LOG_ERROR).size(), c.fits ? 0u : 1u);
+        field->offset = c.offset, field->type_size = c.type_size, field->array_length = c.array_length;
+        field->type = c.type ? obx_schema_find_type(schema_, c.type) : nullptr;
+        EXPECT_EQ(obx_type_definition_reach(rec), c.reach) << c.offset << " " << c.type_size << " x" << c.array_length;
+        if (c.reach != UINT64_MAX) {
+            EXPECT_EQ(obx_type_definition_reach(outer), c.reach);
+        }
     }
-    ASSERT_EQ(add("b", {"y"}, "rec"), OBX_SCHEMA_OK);
-    ASSERT_EQ(add("c", {"z"}, "b"), OBX_SCHEMA_OK);
-    EXPECT_TRUE(obx_schema_validate_layout(schema_));
-    rec->fields[0]->type = schema_->types[2], rec->fields[0]->type_size = 8;  // rec -> c -> b -> rec; every element still fits
+    field->type = int_type, field->offset = 20, field->type_size = 4, field->array_length = 1;
+    outer->fields[0]->array_length = 3, outer->fields[0]->type_size = 2;
+    EXPECT_EQ(obx_type_definition_reach(outer), 2u * 2 + 24);
+    EXPECT_TRUE(obx_schema_validate_layout(schema_));  // sizes are not compared
+
+    rec->fields[0]->type = outer;  // rec -> outer -> rec: no record could hold it
+    EXPECT_EQ(obx_type_definition_reach(outer), UINT64_MAX);
     LogCapture log;
     EXPECT_FALSE(obx_schema_validate_layout(schema_));
-    EXPECT_EQ(log.at(OBX_LOG_ERROR).at(0), "Type 'rec' contains itself through field 'y' of type 'b'");
+    EXPECT_EQ(log.at(OBX_LOG_ERROR).at(0), "Type 'rec' contains itself through field 'r' of type 'outer'");
 }
 
-// "outer" names a type that stands later in the file; slashes stand plain, and the file name is the MD5 of the bytes.
 TEST_F(SchemaTest, LoadedFileKeepsItsMd5AndEncodesBackToTheSameText) {
     FieldDoc key("k", "int");
     key.index = 1;
