@@ -1,4 +1,5 @@
 // CNTX blocks from arbitrary bytes, through the same steps as the tool's metrics path.
+// The JSON value made of a block prints as text that parses back to the same text.
 // Log lines are formatted into a scratch buffer; inputs of odd size run at debug level,
 // where the parse also dumps and decodes every record.
 #include <jansson.h>
@@ -8,12 +9,15 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <string>
 #include <vector>
 
 #include "metrics/cntx_parser.h"
 #include "metrics/metrics_output.h"
+#include "utils/json.h"
 #include "utils/logger.h"
 #include "fuzz_support.h"
 
@@ -36,6 +40,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     try {
         const ObxConstantLabels constant_labels = ObxMetricsParser::parse_constant_labels(data, block_end);
         json_t* value = obx_metrics_block_to_json(label_names, constant_labels, label_values, metric_names, batches);
+        if (value) {
+            char* text = obx_json_serialize_to_string(value);
+            json_t* again = text ? obx_json_parse_string(text) : nullptr;
+            char* text_again = again ? obx_json_serialize_to_string(again) : nullptr;
+            if (!text_again || std::strcmp(text, text_again) != 0) std::abort();
+            obx_json_free_serialized_string(text);
+            obx_json_free_serialized_string(text_again);
+            json_decref(again);
+        }
         json_decref(value);
     } catch (const std::exception&) {
     }
