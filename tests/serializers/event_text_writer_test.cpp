@@ -94,32 +94,6 @@ Texts rendered(obx_event_text_writer_t* writer, const obx_type_definition_t* typ
     return {value[0], value[1], value[2], value[3]};
 }
 
-// Bit patterns at the edges of every width, read as each type of that width, unaligned, as
-// a scalar and as an array of two: identity only.
-TEST(EventTexts, EveryBuiltInAtItsBoundaries)
-{
-    Types types;
-    std::vector<uint64_t> values[6] = {  // by width, then doubles and floats
-        {0, 1, 0x7f, 0x80, 0xff}, {0, 0x7fff, 0x8000, 0xffff}, {0, 0x7fffffff, 0x80000000, 0xffffffff, 1000000},
-        {0, (1ull << 53) + 1, 99999999999999999ull, 0x7fffffffffffffffull, 1ull << 63, ~0ull, 1700000000123456ull}};
-    for (double real : {0.0, -0.0, 0.1, 1.5, -123.456, 16777217.0, 1e17, 9007199254740993.0, 9.9999999999999e-5, 1e300,
-                        0x1p64, DBL_MAX, DBL_MIN, DBL_TRUE_MIN, double(FLT_MAX), double(FLT_TRUE_MIN), double(NAN), -double(NAN), HUGE_VAL}) {
-        // Doubles beyond the float range would not convert: such floats are infinite.
-        const float narrow = static_cast<float>(std::fabs(real) > FLT_MAX ? std::copysign(HUGE_VAL, real) : real);
-        std::memcpy(&values[4].emplace_back(0), &real, 8);
-        std::memcpy(&values[5].emplace_back(0), &narrow, 4);
-    }
-    for (uint32_t id = 1; id <= OBX_BUILT_IN_TYPE_COUNT; ++id) {
-        const uint64_t size = obx_built_in_type_size(id);
-        const obx_type_definition_t* type = types.add({{"lead", "uint8_t"}, {"v", obx_built_in_type_name(id)}, {"w", obx_built_in_type_name(id), 2}});
-        for (uint64_t bits : values[id == OBX_TYPE_DOUBLE ? 4 : id == OBX_TYPE_FLOAT ? 5 : __builtin_ctzll(size)]) {
-            SCOPED_TRACE(std::string(obx_built_in_type_name(id)) + " " + std::to_string(bits));
-            const Bytes value(reinterpret_cast<const uint8_t*>(&bits), reinterpret_cast<const uint8_t*>(&bits) + size);
-            rendered(types.writer, type, ByteWriter().u8(0x5a).raw(value).raw(value).raw(value).take());
-        }
-    }
-}
-
 // Whole records by kind, plain JSON and Influx, in the C and UTF-8 locales and both slash
 // settings. Text ends at the first byte the locale does not call printable, classified as
 // a signed char, so in both locales at any byte above 127.

@@ -160,6 +160,9 @@ TEST(ObxReadCli, RunsOverTheInputList) {
         const ProcessResult r = obx_test::run_obx_read(c.args, in_dir);
         EXPECT_EQ(r.exit_status, c.exit_status) << r.err;
         EXPECT_EQ(!c.out.empty() && c.out.back() == '*' ? r.out.substr(0, c.out.size() - 1) + "*" : r.out, c.out);
+        if (c.err.empty()) {
+            EXPECT_EQ(r.err, "");
+        }
         for (const std::string& part : c.err) {
             const std::string text = part.substr(part[0] == '!' || part[0] == '=' ? 1 : 0);
             const bool met = part[0] == '=' ? r.err == text : (r.err.find(text) == std::string::npos) == (part[0] == '!');
