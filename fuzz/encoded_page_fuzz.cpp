@@ -32,7 +32,7 @@ void decode_encoded(const uint8_t* header, size_t available) {
     size_t allocated_size = 0;
     uint8_t* allocated = obx_encoded_decode_alloc(header, available, &allocated_size);
     if (decoded != (allocated != nullptr)) std::abort();
-    if (allocated && (allocated_size != size || std::memcmp(allocated, out.data(), size) != 0)) std::abort();
+    if (allocated && (allocated_size != size || (size && std::memcmp(allocated, out.data(), size) != 0))) std::abort();
     std::free(allocated);
 }
 

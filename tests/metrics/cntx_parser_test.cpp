@@ -50,6 +50,10 @@ TEST(CntxParser, ReferenceBlockBytesAndDecoding) {
 TEST(CntxParser, BlocksAsTheToolReadsThem) {
     BatchRecordFields zero_length = record_at(1, {{0, 1}}, labels_by_id(0, {0})), lying_samples = zero_length;
     zero_length.length = 0, lying_samples.num_samples = 300;
+    // A labels block of 10 bytes, the size of a sample: counted as a second sample, the
+    // samples end exactly where the records do; a third would pass that end.
+    BatchRecordFields to_the_end = record_at(1, {{0, 1}}, labels_by_id(0, {0, 0, 0, 0, 0, 0, 0})), past_the_end = to_the_end;
+    to_the_end.num_samples = 2, past_the_end.num_samples = 3;
     const struct { CntxBuilder builder; std::string expected; } cases[] = {
         {small_block().record(record_at(1, {}, labels_inline(0, {"x"}))), "0=7 / "},  // labels right behind the head
         {small_block().record(zero_length), "0=7 / 0=1"},  // length is not used
@@ -64,6 +68,9 @@ TEST(CntxParser, BlocksAsTheToolReadsThem) {
         {small_block().constant_labels({"site", "a", "rack", "r1", "site", "b"}), "0=7 {rack=r1} {site=b}"},
         {small_block().constant_labels({"site", "lab", "orphan"}), "0=7 {site=lab}"},
         {small_block().record(lying_samples), kPast + "batch samples run past the end of the block"},
+        {small_block().record(to_the_end), "invalid encoding type"},  // its labels are then read from "cntd"
+        {small_block().record(past_the_end), kPast + "batch samples run past the end of the block"},
+        {small_block().end_marks("cntd", "xxxx"), "0=7"},  // this path compares "cntd" alone
         {small_block().label_set_count(250), kPast + "'LBLN' string runs past the end of the block"},
         {small_block().without_label_values(), kNoCntd},  // the missing LBLV shows up as a missing CNTD
         {small_block().record(record_at(1, {{0, 0x4e4c424cull}}, labels_by_id(0, {0}))), kNoCntd},  // "LBLN" in a value

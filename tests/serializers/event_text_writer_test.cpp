@@ -167,3 +167,25 @@ TEST(EventTexts, RecordsByKind)
 }
 
 }  // namespace
+
+// Escaping by list, and where each list applies in a full line: "=" is escaped in the
+// measurement only, a backslash is never doubled, and what was put in is not rescanned.
+TEST(EventTexts, InfluxEscapesByPlaceInTheLine)
+{
+    using obx::data::InfluxSerializer;
+    const InfluxSerializer serializer;
+    const std::vector<std::string> both = {"a", "ab"};
+    const struct { std::string text; std::vector<std::string> list; std::string escaped; } cases[] = {
+        {"a=b c", serializer.measurementEscapes(), "a\\=b\\ c"}, {"a=b c", serializer.keyEscapes(), "a=b\\ c"},
+        {"x,,y", serializer.keyEscapes(), "x\\,\\,y"}, {"back\\slash", serializer.measurementEscapes(), "back\\slash"},
+        {"plain", serializer.measurementEscapes(), "plain"}, {"", serializer.keyEscapes(), ""},
+        // Each entry in turn over the text so far: "a" gives \ab, in which "ab" is found again.
+        {"ab", both, "\\\\ab"}, {"aa", {"a"}, "\\a\\a"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(InfluxSerializer::escape(c.text, c.list), c.escaped) << c.text;
+
+    Types types;
+    const obx_type_definition_t* type = types.add({{"v", "uint8_t"}}, "a=b c,d");
+    const uint8_t record[1] = {4};
+    EXPECT_EQ(serializer.serializeEventLine({{"k=1", "a=b c"}}, type, record, 1999), "a\\=b\\ c\\,d,k=1=a=b\\ c v=4i 1");
+}

@@ -115,3 +115,21 @@ TEST(Export, StatedLayoutsReadBehindTheRecordButNeverPastTheBuffer)
         }
     }
 }
+
+// Only the low byte of type_index picks the type, read unsigned: 0x80 and above are types
+// 128 and on, not negative places, and the high byte is left out.
+TEST(Export, TypeIndexLowByteFromTheUpperHalf)
+{
+    SchemaFolder schemas;
+    EventSchemaDoc doc("many");
+    for (int i = 0; i < 131; ++i) doc.type("t" + std::to_string(i), {{"f" + std::to_string(i), "uint8_t"}});
+    FileHeaderFields head;
+    head.block_size = 512;
+    head.event_schema_ids = {SchemaFolder::hex(schemas.add(doc))};
+    TempDir data;
+    const std::string path = data.file("f.bin");
+    write_file(path, data_file(head, {concat({event_block(0, 0x80, 1, Bytes{9}), event_block(0, 0x0182, 1, Bytes{7})})}));
+    const ProcessResult r = run_obx_read({"-s", schemas.path(), "-f", "ndjson", path}, ProcessOptions{{"TZ=UTC"}, ""});
+    EXPECT_EQ(r.exit_status, 0) << r.err;
+    EXPECT_EQ(r.out, "{\"f128\":9}\n{\"f130\":7}\n");
+}

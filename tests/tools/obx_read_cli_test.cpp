@@ -89,8 +89,9 @@ TEST(ObxReadCli, RunsOverTheInputList) {
     // that relative inputs need no search.
     obx_test::TempDir dir;
     for (const char* folder : {"schema", "dir", "deep/a/b/c/d", "found/schema", "found/x", "walk/inner", "data.d", "cycle"}) fs::create_directories(dir.file(folder));
-    // Timestamps compare unsigned, ids by strcmp.
-    const std::tuple<const char*, const char*, const char*, uint64_t> headers[] = {{"a.bin", "node2", "t1", 1ull << 63}, {"b.bin", "node9", "t2", 200}, {"c.bin", "node1", "t1", 100}, {"d.bin", "node10", "t0", 200},
+    // Timestamps compare unsigned, ids by strcmp; b and d tie on time, and id and tag order them
+    // differently.
+    const std::tuple<const char*, const char*, const char*, uint64_t> headers[] = {{"a.bin", "node2", "t1", 1ull << 63}, {"b.bin", "node9", "t2", 200}, {"c.bin", "node1", "t1", 100}, {"d.bin", "node10", "t3", 200},
         {"good.bin", "n", "t", 1}, {"named.x.bin", "n", "t", 1}, {"data.d/plain", "n", "t", 1}, {".hidden", "n", "t", 1}, {"data.d/x.y.z", "n", "t", 1}};
     for (const auto& [name, id, tag, first_timestamp] : headers) {
         obx_test::FileHeaderFields head;
@@ -150,7 +151,7 @@ TEST(ObxReadCli, RunsOverTheInputList) {
         // skipped; a bad order falls back to the default and never stops the run.
         {abcd({}), 0, "{\"a\":[],\"b\":[],\"c\":[],\"d\":[]}", {}},
         {abcd({"-S"}), 0, "{\"c\":[],\"d\":[],\"b\":[],\"a\":[]}", {"Sort order not specified. Using default."}},
-        {abcd({"--sort-files=source_tag, first_timestamp"}), 0, "{\"d\":[],\"c\":[],\"a\":[],\"b\":[]}", {"!Using default"}},
+        {abcd({"--sort-files=source_tag, first_timestamp"}), 0, "{\"c\":[],\"a\":[],\"b\":[],\"d\":[]}", {"!Using default"}},
         {abcd({"--sort-files= \tfirst_timestamp ,,source_id,  source_tag "}), 0, "{\"c\":[],\"d\":[],\"b\":[],\"a\":[]}", {"!Using default"}},
         {abcd({"--sort-files=source_id,Source_Tag"}), 0, "{\"c\":[],\"d\":[],\"b\":[],\"a\":[]}", {"[error] [sort] Unknown sort key: 'Source_Tag'", "[warning] Invalid sort order string 'source_id,Source_Tag'. Using default."}},
         {abcd({"--sort-files=,,"}), 0, "{\"c\":[],\"d\":[],\"b\":[],\"a\":[]}", {"!Unknown", "[warning] Invalid sort order string ',,'. Using default."}},

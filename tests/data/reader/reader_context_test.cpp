@@ -134,6 +134,9 @@ TEST_F(ReaderTest, BodyWalkOverChunksAndFrames) {
             EXPECT_TRUE(c.error == "-" || (c.error.empty() ? log.at(3).empty() : log.has(c.error) || log.has(c.error + path_))) << log.all();
         }
     }
+    // A trailer that ends exactly where the chunk ends belongs to a whole frame.
+    EXPECT_TRUE(process(concat({file_header(header(static_cast<uint32_t>(frame_a.size()))), frame_a, frame_a})));
+    EXPECT_EQ(g_handed, (std::vector<std::string>{as("page:", page_a), as("page:", page_a)}));
     // A refused buffer ends the file: no chunk is read after it.
     g_handler_result = false;
     EXPECT_FALSE(process(data_file(header(512), {block, block})));
