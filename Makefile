@@ -7,7 +7,7 @@ CMAKE_FLAGS  ?=
 PREFIX       ?= /usr/local
 DESTDIR      ?=
 
-.PHONY: all deps configure build run test sanitize bench install fuzz clean
+.PHONY: all deps configure build run test sanitize bench install fuzz mutate clean
 
 all: build
 
@@ -49,6 +49,14 @@ install: deps $(BUILD_DIR)/CMakeCache.txt
 fuzz:
 	@./scripts/install-deps.sh fuzz
 	JOBS=$(JOBS) ./scripts/fuzz.sh
+
+# Plants small faults in src/ one at a time and reports the share the tests catch.
+# MUTANTS (60) faults, picked with MUTATE_SEED (1); MUTATE_PATHS narrows the files.
+MUTANTS      ?= 60
+MUTATE_SEED  ?= 1
+MUTATE_PATHS ?=
+mutate: deps
+	./scripts/mutate.py --count $(MUTANTS) --seed $(MUTATE_SEED) --jobs $(JOBS) $(MUTATE_PATHS)
 
 clean:
 	rm -rf build
