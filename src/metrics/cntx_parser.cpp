@@ -12,8 +12,11 @@
 namespace {
 
 constexpr size_t kMagicSize = 4;
-constexpr size_t kRecordFixedSize = 14;  // length, timestamp, type, value type, num_samples
-constexpr size_t kSampleSize = 10;       // metric_id, value
+constexpr size_t kRecordFixedSize = ObxMetricsParser::kRecordFixedSize;
+constexpr size_t kSampleSize = ObxMetricsParser::kSampleSize;
+// Offsets in a batch record.
+constexpr size_t kRecordLength = 0, kRecordTimestamp = 2, kRecordType = 10, kRecordValueType = 11,
+                 kRecordNumSamples = 12;
 
 // First occurrence of a 4-byte magic in [begin, end), or nullptr.
 const uint8_t* find_magic(const uint8_t* begin, const uint8_t* end, const char* magic) {
@@ -133,39 +136,56 @@ const uint8_t* ObxMetricsParser::parse_metric_names(const uint8_t* position, con
     return parse_prefixed_strings(position, end, "CNTI", "cnti", metric_names);
 }
 
-ObxBatchHeader ObxMetricsParser::parse_batch_header(const uint8_t* record, const uint8_t* end) {
+ObxBatchRecordHead ObxMetricsParser::read_record_head(const uint8_t* record) {
+    ObxBatchRecordHead head;
+    head.length = obx_le_u16(record + kRecordLength);
+    head.timestamp = obx_le_u64(record + kRecordTimestamp);
+    head.type = obx_le_u8(record + kRecordType);
+    head.value_type = obx_le_u8(record + kRecordValueType);
+    head.num_samples = obx_le_u16(record + kRecordNumSamples);
+    return head;
+}
+
+obx::metrics::MetricSample ObxMetricsParser::read_sample(const uint8_t* record, size_t index) {
+    const uint8_t* sample = record + kRecordFixedSize + kSampleSize * index;
+    obx::metrics::MetricSample out;
+    out.metric_id = obx_le_u16(sample);
+    out.value = obx_le_u64(sample + 2);
+    return out;
+}
+
+size_t ObxMetricsParser::samples_that_fit(const uint8_t* record, const uint8_t* end) {
     const size_t available = bytes_between(record, end);
-    if (available < kRecordFixedSize)
+    return available < kRecordFixedSize ? 0 : (available - kRecordFixedSize) / kSampleSize;
+}
+
+ObxBatchHeader ObxMetricsParser::parse_batch_header(const uint8_t* record, const uint8_t* end) {
+    if (bytes_between(record, end) < kRecordFixedSize)
         throw std::runtime_error("Invalid binary data format: batch record runs past the end of the block");
+    const ObxBatchRecordHead head = read_record_head(record);
     // C (0x43) and G (0x47) differ only in bit 2; every other letter is refused.
-    const uint8_t type = obx_le_u8(record + 10);
-    if ((type & ~0x04u) != 0x43u) {
+    if ((head.type & ~0x04u) != 0x43u) {
         OBX_LOG_ERR(PARSER_LOG "invalid metric type");
         throw std::runtime_error("invalid metric type");
     }
-    const uint64_t num_samples = obx_le_u16(record + 12);
-    if ((available - kRecordFixedSize) / kSampleSize < num_samples)
+    const uint64_t num_samples = head.num_samples;
+    if (samples_that_fit(record, end) < num_samples)
         throw std::runtime_error("Invalid binary data format: batch samples run past the end of the block");
 
     obx::metrics::MetricsBatch batch;
     batch.samples.resize(num_samples);
-    const uint8_t* sample = record + kRecordFixedSize;
-    for (auto& entry : batch.samples) {
-        entry.metric_id = obx_le_u16(sample);
-        entry.value = obx_le_u64(sample + 2);
-        sample += kSampleSize;
-    }
+    for (size_t i = 0; i < num_samples; ++i) batch.samples[i] = read_sample(record, i);
 
     ObxBatchHeader header;
-    header["length"] = obx_le_u16(record);
-    header["timestamp"] = obx_le_u64(record + 2);
+    header["length"] = head.length;
+    header["timestamp"] = head.timestamp;
     header["num_samples"] = num_samples;
     header["metrics"] = std::move(batch);
-    header["type"] = std::string(1, static_cast<char>(type));
+    header["type"] = std::string(1, static_cast<char>(head.type));
     return header;
 }
 
-std::vector<MetricsBatchRecord> ObxMetricsParser::parse_metrics(const uint8_t* position, const uint8_t* end) {
+ObxCntdSection ObxMetricsParser::find_records(const uint8_t* position, const uint8_t* end, bool both_end_marks) {
     const uint8_t* cntd = find_magic(position, end, "CNTD");
     if (!cntd) {
         OBX_LOG_ERR(PARSER_LOG "Invalid binary data format: Missing 'CNTD' magic number");
@@ -173,16 +193,24 @@ std::vector<MetricsBatchRecord> ObxMetricsParser::parse_metrics(const uint8_t* p
     }
     const size_t data_len = bytes_between(cntd, end);
     OBX_LOG_DBG(PARSER_LOG "data_len = %lu", static_cast<unsigned long>(data_len));
-    // Only the "cntd" end mark is compared here; the final "cntx" is not.
-    if (data_len < 8 || std::memcmp(end - 8, "cntd", kMagicSize) != 0)
+    if (data_len < 8 || std::memcmp(end - 8, both_end_marks ? "cntdcntx" : "cntd", both_end_marks ? 8 : 4) != 0)
         throw std::runtime_error("Invalid magic numbers in the binary data");
 
-    const uint8_t* base = cntd + kMagicSize;  // the blocksize field
-    const uint8_t* records_end = end - 8;
-    const uint64_t data_end = bytes_between(base, records_end);
-    const uint32_t blocksize = obx_le_u32(base);
-    OBX_LOG_DBG(PARSER_LOG "End of data at %lu", static_cast<unsigned long>(data_end));
-    OBX_LOG_DBG(PARSER_LOG "blocksize= %u", blocksize);
+    ObxCntdSection section;
+    section.base = cntd + kMagicSize;  // the blocksize field
+    section.data_end = bytes_between(section.base, end - 8);
+    section.blocksize = obx_le_u32(section.base);  // within the 8 bytes known to be there
+    OBX_LOG_DBG(PARSER_LOG "End of data at %lu", static_cast<unsigned long>(section.data_end));
+    OBX_LOG_DBG(PARSER_LOG "blocksize= %u", section.blocksize);
+    return section;
+}
+
+std::vector<MetricsBatchRecord> ObxMetricsParser::parse_metrics(const uint8_t* position, const uint8_t* end) {
+    // Only the "cntd" end mark is compared here; the final "cntx" is not.
+    const ObxCntdSection section = find_records(position, end, false);
+    const uint8_t* base = section.base;
+    const uint64_t data_end = section.data_end;
+    const uint32_t blocksize = section.blocksize;
 
     std::vector<MetricsBatchRecord> batches;
     if (data_end < 5) return batches;

@@ -23,10 +23,45 @@ using ObxConstantLabels = std::unordered_map<std::string, std::string>;
 // uint64_t, "metrics" obx::metrics::MetricsBatch, "type" one-character std::string.
 using ObxBatchHeader = std::map<std::string, boost::any>;
 
+// Fixed part of a batch record, in file order.
+struct ObxBatchRecordHead {
+    uint16_t length;
+    uint64_t timestamp;
+    uint8_t type;        // metric kind letter
+    uint8_t value_type;  // how the sample values are to be taken
+    uint16_t num_samples;
+};
+
+// Where the records of a CNTD section lie: `base` is its blocksize field, the records run
+// from base + 4 to base + data_end, which is where the end marks start.
+struct ObxCntdSection {
+    const uint8_t* base;
+    uint32_t blocksize;
+    uint64_t data_end;
+};
+
+// Map from metric name to the number of its samples.
+using ObxMetricCounts = std::unordered_map<std::string, uint64_t>;
+
 class ObxMetricsParser {
 public:
     // Head and end marks of a block: "CNTX", total_size, "cntd", "cntx".
     static constexpr size_t kBlockFrameSize = 16;
+    // Batch record: length u16, timestamp u64, kind letter u8, value type u8,
+    // num_samples u16, then samples of metric_id u16 and value u64, then a labels block.
+    static constexpr size_t kRecordFixedSize = 14;
+    static constexpr size_t kSampleSize = 10;
+
+    // The fixed part of the record at `record`; kRecordFixedSize bytes must be there.
+    static ObxBatchRecordHead read_record_head(const uint8_t* record);
+    // Sample `index` of the record at `record`; its bytes must be there.
+    static obx::metrics::MetricSample read_sample(const uint8_t* record, size_t index);
+    // The whole number of samples that fit behind a record's fixed part before `end`.
+    static size_t samples_that_fit(const uint8_t* record, const uint8_t* end);
+
+    // The CNTD section of [position, end), whose end marks must be "cntd", and "cntx" too
+    // when `both_end_marks`. Throws when it is missing or its end marks are wrong.
+    static ObxCntdSection find_records(const uint8_t* position, const uint8_t* end, bool both_end_marks);
 
     // total_size of the first "CNTX" in the range whose size field is whole; 0 when none.
     static uint64_t get_total_size(const uint8_t* begin, const uint8_t* end);
@@ -59,6 +94,11 @@ public:
     // CLBL strings taken as name, value pairs; a later name wins, a name without a value
     // is dropped.
     static ObxConstantLabels parse_constant_labels(const uint8_t* begin, const uint8_t* end);
+
+    // Counts the samples of every CNTX block in [begin, end) by metric name into `counts`
+    // (defined with the store path, in cntx_store.cpp). True when at least one block was
+    // counted; when the walk itself fails, `counts` is put back as it was.
+    static bool count_metrics_from_cntx_blocks(const uint8_t* begin, const uint8_t* end, ObxMetricCounts& counts);
 
     // Debug dump of the records with their decoded labels; does nothing below debug level.
     // Decoding may throw, as it would when the records are printed.

@@ -157,6 +157,15 @@ const TypedTable* MetricStore::table_of(uint32_t code) const
     }
 }
 
+bool MetricStore::holds_metric(uint64_t metric) const
+{
+    for (uint32_t code = 0; code <= OBX_METRIC_INT64; ++code) {
+        const TypedTable* table = table_of(code);
+        if (table && table->series.count(metric)) return true;
+    }
+    return false;
+}
+
 const MetricSeries* MetricStore::find_series(uint32_t type_code, uint64_t metric, uint64_t label_set_id) const
 {
     const TypedTable* table = table_of(type_code);

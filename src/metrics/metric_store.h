@@ -128,11 +128,30 @@ public:
     void set_capacity(uint64_t metric, uint64_t capacity) { capacities[metric] = capacity; }
     void set_record_types(bool on) { record_types = on; }
 
+    // True when any of the five typed tables has series of this metric.
+    bool holds_metric(uint64_t metric) const;
+    // Calls visit(type_code, metric, label_set_id, series) for every series, table by table
+    // in type code order (0, the fifth table, first).
+    template <class Visit>
+    void for_each_series(Visit&& visit) const {
+        for (uint32_t code = 0; code <= OBX_METRIC_INT64; ++code) {
+            const TypedTable* table = table_of(code);
+            if (!table) continue;
+            for (const auto& metric : table->series)
+                for (const auto& series : metric.second) visit(code, metric.first, series.first, series.second);
+        }
+    }
     // nullptr when the table of that code has no such series (code 0: the fifth table).
     const MetricSeries* find_series(uint32_t type_code, uint64_t metric, uint64_t label_set_id) const;
     SymbolTable& symbols() { return symbol_table; }
+    const SymbolTable& symbols() const { return symbol_table; }
     const ReverseIndex& label_set_numbers() const { return set_numbers; }
     size_t label_set_count() const { return label_sets.size(); }
+    // Name symbol to value symbol of a label set; nullptr for an unknown id.
+    const std::unordered_map<uint64_t, uint64_t>* find_label_set(uint64_t id) const {
+        const auto found = label_sets.find(id);
+        return found == label_sets.end() ? nullptr : &found->second;
+    }
     std::unordered_map<uint64_t, HistogramRecord>& histograms() { return histogram_records; }
     const std::unordered_map<uint64_t, uint32_t>& metric_types() const { return types; }
 
