@@ -12,8 +12,6 @@
 namespace {
 
 constexpr size_t kMagicSize = 4;
-constexpr size_t kRecordFixedSize = ObxMetricsParser::kRecordFixedSize;
-constexpr size_t kSampleSize = ObxMetricsParser::kSampleSize;
 // Offsets in a batch record.
 constexpr size_t kRecordLength = 0, kRecordTimestamp = 2, kRecordType = 10, kRecordValueType = 11,
                  kRecordNumSamples = 12;
