@@ -5,4 +5,5 @@
     X(help)             \
     X(sources)          \
     X(schema)           \
-    X(gen)
+    X(gen)              \
+    X(info)
