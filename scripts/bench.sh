@@ -11,8 +11,9 @@
 #   OBX_BENCH_COUNTERS_MIB  uncompressed MiB of counter blocks (256)
 #   OBX_BENCH_MICRO         0 skips the micro-benchmarks
 # Targets, checked here: ndjson and influx within 3 times the time of gzip -dc of the
-# same file, json within 3.5 times, the binary re-export of the same events stored as
-# chunks of gzip pages within 1.5 times, and a peak resident size below 64 MiB.
+# same file, json within 3.5 times, obx info within the time of gzip -dc, the binary
+# re-export of the same events stored as chunks of gzip pages within 1.5 times, and a
+# peak resident size below 64 MiB.
 set -eu
 
 build=${1:-build/release}
@@ -109,6 +110,11 @@ run_file() {
 
 report_header "events: $events_mib MiB of event blocks, $events events ($(du -m "$data/events.bin.gz" | cut -f1) MiB gzip), best of $runs"
 run_file "$data/events.bin.gz" "$events" ndjson json influx
+# obx info reads the same file once and renders nothing: within the time of gzip -dc.
+if [ -x "$build/obx" ]; then
+    result=$(best_of "$build/obx" info -s "$data/schema" "$data/events.bin.gz")
+    report "obx info" "${result% *}" "${result#* }" "$base" 1.0 "$events"
+fi
 # The same events as chunks of gzip pages, re-exported into a fresh folder each run.
 out_dir=$(mktemp -d)
 trap 'rm -rf "$out_dir"' EXIT
