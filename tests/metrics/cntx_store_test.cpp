@@ -103,6 +103,7 @@ TEST(CntxStore, BadBlocksOnBothPaths) {
         {small_block().without_cntd().build(), "", "Failed to parse CNTX block 1: Missing 'CNTD' magic number in the binary data", "-> false", ""},
         {no_blocksize, "", "", "-> false", "Insufficient data for blocksize in CNTX block"},
         {one_metric().record(record_at(5, {{0, 7}}, labels_by_id(0, {0}), 'H')).build(), "", "Failed to parse CNTX block 1: invalid metric type", "m=1 -> true", ""},
+        {one_metric().record(record_at(5, {{0, 7}}, labels_by_id(0, {0}), 'X')).build(), "", "Failed to parse CNTX block 1: invalid metric type", "m=1 -> true", ""},
         {one_metric().record(record_at(5, {{0, 7}}, labels_by_id(0, {1}))).build(), "", "Failed to parse CNTX block 1: Failed to decode label value at index 0: invalid label id format", "m=1 -> true", ""},
         {one_metric().record(record_at(5, {{0, 7}, {9, 8}}, labels_by_id(0, {0}))).build(), good, "Failed to parse CNTX block 1: invalid metric id", "m=1 -> true", "Invalid metric_id 9 (max: 1), skipping"},
         {small_block().record(lying).build(), good, "Failed to parse CNTX block 1: Invalid binary data format: batch samples run past the end of the block", "m=1 -> true", "num_samples 300 exceeds available data (max: 1)"},
