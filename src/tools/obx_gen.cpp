@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <csignal>
 #include <cstdlib>
 #include <cstdio>
 #include <cstring>
@@ -40,6 +41,21 @@
 #include "utils/version.h"
 
 namespace {
+
+// SIGINT and SIGTERM end the run between two seconds of data, so that every page handed on
+// is written whole and the files keep valid headers.
+volatile std::sig_atomic_t g_stop_signal = 0;
+
+extern "C" void obx_gen_on_stop_signal(int signal) { g_stop_signal = signal; }
+
+void catch_stop_signals() {
+    struct sigaction action = {};
+    action.sa_handler = obx_gen_on_stop_signal;
+    action.sa_flags = SA_RESTART;  // writes under way are finished, not cut short
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
 
 constexpr uint64_t kSecond = 1000000ull;
 constexpr uint64_t kMaxSeconds = 7ull * 24 * 3600;
@@ -631,7 +647,7 @@ void generate_source(Output& output, const Options& options, const obx_source_t&
     Stream events(output, source, "events", kEventsChunk, options.compress, false, nullptr);
     Stream counters(output, source, "counters", kCountersChunk, options.compress, compress, ids.counters);
     Stream metrics(output, source, "metrics", kMetricsChunk, options.compress, false, nullptr);
-    for (uint64_t s = 0; s < options.seconds; ++s) {
+    for (uint64_t s = 0; s < options.seconds && !g_stop_signal; ++s) {
         const uint64_t second = options.start + s * kSecond;
         if (options.rate > 0) events_of_second(events, ids, host, second, options.rate, summary.events);
 
@@ -778,9 +794,16 @@ int run_gen(int argc, char** argv) {
     }
     try {
         Output output(data, *client);
-        for (uint16_t i = 0; i < sources->count; ++i) generate_source(output, options, *sources->sources[i], i, ids, summary);
+        catch_stop_signals();
+        for (uint16_t i = 0; i < sources->count && !g_stop_signal; ++i)
+            generate_source(output, options, *sources->sources[i], i, ids, summary);
         if (!output.close()) return OBX_EXIT_FAILURE;
         print_summary(options, summary, output, schema_file.substr(0, schema_file.rfind('/')));
+        if (g_stop_signal) {
+            std::fprintf(stderr, "obx gen: stopped by %s; the files written so far are complete\n",
+                         g_stop_signal == SIGINT ? "SIGINT" : "SIGTERM");
+            return OBX_EXIT_FAILURE;
+        }
     } catch (const std::exception& e) {
         std::fprintf(stderr, "obx gen: %s\n", e.what());
         return OBX_EXIT_FAILURE;
@@ -800,7 +823,9 @@ const obx_command_t obx_command_gen = {
     "and CNTX metrics blocks of port counters with latency histograms, in data pages of\n"
     "the tags events, counters and metrics, laid down as data files below DIR/data;\n"
     "their schemas go to DIR/schema. obx_read -d DIR/data prints them. The same options\n"
-    "give the same bytes.\n"
+    "give the same bytes. SIGINT or SIGTERM stop it between two seconds of data: the\n"
+    "files written so far are complete, the summary tells what they hold, and the exit\n"
+    "status is 1.\n"
     "\n"
     "Options:\n"
     "  -o, --out DIR        where to write (needed)\n"

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -187,4 +188,36 @@ TEST(ObxGen, ManySourcesWithFewFileHandles) {
     ASSERT_EQ(result.exit_status, 0) << result.err;
     EXPECT_EQ(result.err, "");
     EXPECT_EQ(tree(dir.file("data")).size(), 90u);  // three tags of thirty sources
+}
+
+// SIGINT and SIGTERM stop a long run between two seconds: the files left read back whole,
+// holding exactly what the summary says was written.
+TEST(ObxGen, StopSignalsLeaveCompleteFiles) {
+    for (const int signal : {SIGINT, SIGTERM}) {
+        obx_test::TempDir dir;
+        obx_test::ProcessOptions options = kHost;
+        options.signal = signal;
+        options.signal_when = [&] {
+            std::error_code error;
+            for (const auto& entry : std::filesystem::recursive_directory_iterator(dir.file("data"), error))
+                if (entry.is_regular_file() && entry.file_size() > 0) return true;
+            return false;
+        };
+        const auto result = run_obx({"-v", "4", "gen", "-s", "3", "-n", "600000", "-r", "50", "-c", "gzip", "-j", "-o", dir.path()}, options);
+        EXPECT_EQ(result.exit_status, 1);
+        EXPECT_EQ(result.err, std::string("obx gen: stopped by ") + (signal == SIGINT ? "SIGINT" : "SIGTERM") +
+                                  "; the files written so far are complete\n");
+        const obx_test::JsonPtr summary = obx_test::json_parse(result.out);
+        ASSERT_NE(summary, nullptr) << result.out;
+        double records = obx_json_object_get_number(summary.get(), "counter_blocks") + obx_json_object_get_number(summary.get(), "cntx_blocks");
+        for (const char* type : {"cpu_sample", "port_sample", "job_end"})
+            records += obx_json_object_get_number(json_object_get(summary.get(), "events"), type);
+        EXPECT_GT(obx_json_object_get_number(summary.get(), "counter_blocks"), 0);
+        EXPECT_LT(obx_json_object_get_number(summary.get(), "counter_blocks"), 3 * 600000);
+
+        const auto read = obx_test::run_obx_read({"-f", "ndjson", "-s", dir.file("schema"), "-d", dir.file("data")});
+        EXPECT_EQ(read.exit_status, 0) << read.err;
+        EXPECT_EQ(read.err, "");
+        EXPECT_EQ(static_cast<double>(sorted_lines(read.out).size()), records);
+    }
 }
