@@ -7,7 +7,7 @@ CMAKE_FLAGS  ?=
 PREFIX       ?= /usr/local
 DESTDIR      ?=
 
-.PHONY: all deps configure build run test sanitize bench install fuzz mutate clean
+.PHONY: all deps configure build run test sanitize bench install fuzz mutate examples clean
 
 all: build
 
@@ -49,6 +49,12 @@ install: deps $(BUILD_DIR)/CMakeCache.txt
 fuzz:
 	@./scripts/install-deps.sh fuzz
 	JOBS=$(JOBS) ./scripts/fuzz.sh
+
+# Rewrites the bundled example set with obx gen (a test checks it is what obx gen writes).
+examples: deps $(BUILD_DIR)/CMakeCache.txt
+	cmake --build $(BUILD_DIR) -j $(JOBS) --target obx_command
+	rm -rf examples/data examples/schema
+	./scripts/make-examples.sh $(BUILD_DIR)/obx examples
 
 # Plants small faults in src/ one at a time and reports the share the tests catch.
 # MUTANTS (60) faults, picked with MUTATE_SEED (1); MUTATE_PATHS narrows the files.

@@ -81,6 +81,7 @@ struct Options {
     Compression compress = Compression::none;
     uint64_t seed = 1;
     bool json = false;
+    bool gzip_files = false;  // each finished data file gzip-wrapped whole, as archives keep them
 };
 
 // splitmix64: small, fast and the same on every machine.
@@ -501,6 +502,25 @@ private:
 
 // ---- output -------------------------------------------------------------------------
 
+// `from` gzip-wrapped whole into `to`, then removed; a failure leaves `from` in place.
+bool gzip_file(const std::string& from, const std::string& to) {
+    FILE* in = std::fopen(from.c_str(), "rb");
+    gzFile out = in ? gzopen(to.c_str(), "wb") : nullptr;
+    bool ok = out != nullptr;
+    char buffer[1 << 16];
+    for (size_t got; ok && (got = std::fread(buffer, 1, sizeof(buffer), in)) > 0;)
+        ok = gzwrite(out, buffer, static_cast<unsigned>(got)) == static_cast<int>(got);
+    ok = ok && !std::ferror(in);
+    if (out && gzclose(out) != Z_OK) ok = false;
+    if (in) std::fclose(in);
+    if (!ok) {
+        std::fprintf(stderr, "obx gen: %s could not be gzip-wrapped into %s\n", from.c_str(), to.c_str());
+        std::remove(to.c_str());
+        return false;
+    }
+    return std::remove(from.c_str()) == 0;
+}
+
 // Hands pages to the data writer, which lays them down as data files below `base` by
 // its default path template, one series of files per source and tag. A source's files
 // are finished before the next source starts: the writer keeps its files open, and a few
@@ -528,15 +548,20 @@ public:
         obx_data_writer_destroy(writer_);
         writer_ = nullptr;
     }
-    // Finishes every file, then takes stock of what is there.
-    bool close() {
+    // Finishes every file, wraps each in gzip when asked, then takes stock of what is there.
+    bool close(bool gzip_files) {
         finish_source();
         obx_string_array_t* found = obx_string_array_create();
-        const bool ok = found && obx_read_collect_directory(&found, base_.c_str());
+        bool ok = found && obx_read_collect_directory(&found, base_.c_str());
         for (uint64_t i = 0; ok && i < found->count; ++i) {
+            std::string path = found->strings[i];
+            if (gzip_files) {
+                ok = gzip_file(path, path + ".gz");
+                path += ".gz";
+            }
             struct stat status;
-            if (stat(found->strings[i], &status) == 0) bytes_ += static_cast<uint64_t>(status.st_size);
-            files_.push_back(found->strings[i]);
+            if (ok && stat(path.c_str(), &status) == 0) bytes_ += static_cast<uint64_t>(status.st_size);
+            files_.push_back(path);
         }
         obx_string_array_destroy(found);
         std::sort(files_.begin(), files_.end());
@@ -719,12 +744,13 @@ int run_gen(int argc, char** argv) {
         {"sources", required_argument, nullptr, 's'}, {"start", required_argument, nullptr, 't'},
         {"seconds", required_argument, nullptr, 'n'}, {"rate", required_argument, nullptr, 'r'},
         {"compress", required_argument, nullptr, 'c'}, {"seed", required_argument, nullptr, 'S'},
-        {"json", no_argument, nullptr, 'j'},       {nullptr, 0, nullptr, 0},
+        {"json", no_argument, nullptr, 'j'},       {"gzip-files", no_argument, nullptr, 'z'},
+        {nullptr, 0, nullptr, 0},
     };
     const obx_command_t* self = &obx_command_gen;
     Options options;
     unsigned long long number = 0;
-    for (int code; (code = getopt_long(argc, argv, ":ho:s:t:n:r:c:S:j", kOptions, nullptr)) != -1;) {
+    for (int code; (code = getopt_long(argc, argv, ":ho:s:t:n:r:c:S:jz", kOptions, nullptr)) != -1;) {
         switch (code) {
             case 'h': return obx_command_print_help(self);
             case 'o': options.out = optarg; break;
@@ -756,6 +782,7 @@ int run_gen(int argc, char** argv) {
                 options.seed = number;
                 break;
             case 'j': options.json = true; break;
+            case 'z': options.gzip_files = true; break;
             default: return obx_command_option_error(self, code, argv);
         }
     }
@@ -797,7 +824,7 @@ int run_gen(int argc, char** argv) {
         catch_stop_signals();
         for (uint16_t i = 0; i < sources->count && !g_stop_signal; ++i)
             generate_source(output, options, *sources->sources[i], i, ids, summary);
-        if (!output.close()) return OBX_EXIT_FAILURE;
+        if (!output.close(options.gzip_files)) return OBX_EXIT_FAILURE;
         print_summary(options, summary, output, schema_file.substr(0, schema_file.rfind('/')));
         if (g_stop_signal) {
             std::fprintf(stderr, "obx gen: stopped by %s; the files written so far are complete\n",
@@ -835,6 +862,7 @@ const obx_command_t obx_command_gen = {
     "  -r, --rate N         events per second and source (20)\n"
     "  -c, --compress none|gzip|snappy\n"
     "                       pages as compressed page frames (none)\n"
+    "  -z, --gzip-files     gzip-wrap each data file whole once it is written (NAME.gz)\n"
     "  -S, --seed N         seed of the values (1)\n"
     "  -j, --json           print the summary as JSON\n"
     "  -h, --help           print this text\n",

@@ -72,7 +72,7 @@ TEST(HostileInput, UnwritableStandardOutputFailsTheRun) {
     const std::string reader = OBX_READ_BINARY;
     const std::string examples = std::string(OBX_TEST_DATA_DIR) + "/../../examples";
     const ProcessResult r = run_program(
-        "/bin/sh", {"-c", "exec \"$0\" -s \"$1/schema\" -f ndjson \"$1/data/03_gzip_pages.obx\" > /dev/full", reader, examples});
+        "/bin/sh", {"-c", "exec \"$0\" -s \"$1/schema\" -f ndjson \"$1/data/2023/1114/node_2/events_1700000100000000.bin\" > /dev/full", reader, examples});
     EXPECT_EQ(r.exit_status, 1);
     EXPECT_EQ(r.err, "Failed writing standard output: No space left on device\n");
 }

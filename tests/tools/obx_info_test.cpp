@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "fixtures/example_data.h"
+#include "fixtures/mixed_data.h"
 #include "fixtures/json_value.h"
 #include "fixtures/run_process.h"
 #include "fixtures/schema_builder.h"
@@ -92,7 +92,7 @@ TEST(ObxInfo, CountsOfAGenFolderAreWhatGenWrote) {
 
 TEST(ObxInfo, ExampleDataAsObxReadPrintsIt) {
     TempDir temp;
-    const ExampleDataSet set = write_example_data(temp.path());
+    const MixedDataSet set = write_mixed_data(temp.path());
     const ProcessResult info = run_obx({"info", "--json", "-s", set.schema_dir, "-d", set.data_dir});
     ASSERT_EQ(std::to_string(info.exit_status) + info.err, "0");
     const auto by_file = reports(info.out);
