@@ -114,7 +114,9 @@ public:
     Bytes& text(const char* magic) { data.insert(data.end(), magic, magic + std::strlen(magic)); return *this; }
     // `text` in exactly `width` bytes, zero-filled.
     Bytes& fixed(const std::string& text, size_t width) {
-        for (size_t i = 0; i < width; ++i) data.push_back(i < text.size() ? static_cast<uint8_t>(text[i]) : 0);
+        const size_t at = data.size();
+        data.resize(at + width, 0);
+        std::memcpy(data.data() + at, text.data(), text.size() < width ? text.size() : width);
         return *this;
     }
     // A short string: one length byte and at most 255 bytes.
@@ -127,8 +129,16 @@ public:
     std::vector<uint8_t> data;
 
 private:
+    // The per-event path: one resize and one little-endian store per value.
     Bytes& put(uint64_t v, size_t width) {
-        for (size_t i = 0; i < width; ++i) data.push_back(static_cast<uint8_t>(v >> (8 * i)));
+        const size_t at = data.size();
+        data.resize(at + width);
+        uint8_t* to = data.data() + at;
+        switch (width) {
+            case 2: obx_put_u16(to, static_cast<uint16_t>(v)); break;
+            case 4: obx_put_u32(to, static_cast<uint32_t>(v)); break;
+            default: obx_put_u64(to, v); break;
+        }
         return *this;
     }
 };
