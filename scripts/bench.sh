@@ -98,6 +98,11 @@ run_file() {
     result=$(best_of gzip -dc "$file")
     base=${result% *}
     report "gzip -dc" "$base" "${result#* }" "$base" - 0
+    # ISA-L's own gzip, the floor of inflating alone.
+    if command -v igzip >/dev/null 2>&1; then
+        result=$(best_of igzip -dc "$file")
+        report "igzip -dc" "${result% *}" "${result#* }" "$base" - 0
+    fi
     for format in "$@"; do
         case $format in
             json) target=3.5 ;;

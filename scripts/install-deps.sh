@@ -4,7 +4,7 @@
 #   scripts/install-deps.sh fuzz   that, and clang with libFuzzer and its sanitizers
 set -eu
 PACKAGES="build-essential cmake pkg-config zlib1g-dev libssl-dev libsnappy-dev \
-libboost-filesystem-dev libboost-date-time-dev libjansson-dev \
+libboost-filesystem-dev libboost-date-time-dev libjansson-dev libisal-dev isal \
 libgtest-dev libgmock-dev libbenchmark-dev"
 if [ "${1:-}" = fuzz ]; then
     PACKAGES="$PACKAGES clang libclang-rt-dev"

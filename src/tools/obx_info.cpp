@@ -3,7 +3,6 @@
 // blocks through the count and store paths, with every problem met and where.
 #include <getopt.h>
 #include <unistd.h>
-#include <zlib.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -18,6 +17,7 @@
 #include <vector>
 
 #include "data/format/data_file_format.h"
+#include "data/reader/file_input.h"
 #include "data/reader/reader_context.h"
 #include "data/reader/reader_options.h"
 #include "data/reader/reader_type_system.h"
@@ -36,8 +36,6 @@ namespace {
 
 // Problems kept per file; the rest are only counted.
 constexpr size_t kProblemsKept = 100;
-// zlib's own buffer: larger than its default, for fewer, longer reads.
-constexpr unsigned kGzipBuffer = 256u * 1024u;
 
 struct Problems {
     std::string where = "header";
@@ -252,13 +250,10 @@ void count_frames(FileInfo& info, const uint8_t* chunk, size_t size) {
     }
 }
 
-// zlib's text of a damaged or cut stream, without the path it puts in front.
-bool read_went_wrong(gzFile file, const std::string& path, int got, std::string* why) {
-    int code = Z_OK;
-    const char* text = gzerror(file, &code);
-    if (got >= 0 && code == Z_OK) return false;
-    *why = code == Z_ERRNO || !text || !*text ? std::strerror(errno) : text;
-    if (why->compare(0, path.size() + 2, path + ": ") == 0) why->erase(0, path.size() + 2);
+// The reader's own text of a damaged or cut stream or a failed read.
+bool read_went_wrong(obx_file_input_t* file, int got, std::string* why) {
+    if (!obx_file_input_failed(file, got)) return false;
+    *why = obx_file_input_error(file);
     return true;
 }
 
@@ -290,10 +285,10 @@ void read_body(FileInfo& info, obx_reader_context_t* context) {
     for (;;) {
         info.problems.where = "chunk " + std::to_string(info.chunks + 1);
         errno = 0;
-        const int got = gzread(context->file, chunk.get(), block_size);
+        const int got = obx_file_input_read(context->file, chunk.get(), block_size);
         // A cut or damaged stream still hands out what it could inflate: that is read first.
         std::string why;
-        const bool damaged = read_went_wrong(context->file, info.path, got, &why);
+        const bool damaged = read_went_wrong(context->file, got, &why);
         const size_t length = got > 0 ? static_cast<size_t>(got) : 0;
         if (length > 0) {
             ++info.chunks;
@@ -306,8 +301,8 @@ void read_body(FileInfo& info, obx_reader_context_t* context) {
             info.problems.add("the file could not be read on: " + why);
             return;
         }
-        if (length == 0 && gzeof(context->file)) break;
-        if (length < block_size && !gzeof(context->file)) {
+        if (length == 0 && obx_file_input_eof(context->file)) break;
+        if (length < block_size && !obx_file_input_eof(context->file)) {
             info.problems.add("the file could not be read on: " + std::string(std::strerror(errno)));
             return;
         }
@@ -351,13 +346,12 @@ void read_file(FileInfo& info, obx_read_options_t* options) {
         if (info.problems.total == 0) info.problems.add("the file could not be opened: " + std::string(std::strerror(errno)));
         return;
     }
-    gzbuffer(context->file, kGzipBuffer);
     uint8_t bytes[OBX_FILE_HEADER_SIZE];
-    const int got = gzread(context->file, bytes, OBX_FILE_HEADER_SIZE);
+    const int got = obx_file_input_read(context->file, bytes, OBX_FILE_HEADER_SIZE);
     std::string why;
     // A whole header is taken even from a damaged stream: the body read tells the damage.
     if (got != static_cast<int>(OBX_FILE_HEADER_SIZE)) {
-        if (read_went_wrong(context->file, info.path, got, &why))
+        if (read_went_wrong(context->file, got, &why))
             info.problems.add("the file could not be read: " + why);
         else
             info.problems.add("only " + std::to_string(got > 0 ? got : 0) + " of the 256 header bytes are there");

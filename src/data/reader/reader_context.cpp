@@ -1,5 +1,7 @@
 #include "data/reader/reader_context.h"
 
+#include "data/reader/file_input.h"
+
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -35,28 +37,6 @@ static bool hand_on(obx_reader_context_t* context, const uint8_t* data, size_t s
     return obx_reader_dispatch(context, data, size, in_compressed);
 }
 
-// True when zlib met a damaged or cut gzip stream on this file. A cut stream still hands
-// out what it could inflate, with a short count, so the count alone does not tell.
-static bool read_went_wrong(gzFile file, int got)
-{
-    int code = Z_OK;
-    gzerror(file, &code);
-    return got < 0 || code != Z_OK;
-}
-
-// zlib's own text for the last error of the file (which it puts behind the path), or the
-// system's when zlib has none.
-static const char* read_error_text(const obx_reader_context_t* context)
-{
-    int code = Z_OK;
-    const char* text = gzerror(context->file, &code);
-    if (code == Z_ERRNO || !text || text[0] == '\0') return std::strerror(errno);
-    const size_t path_length = std::strlen(context->path);
-    if (std::strncmp(text, context->path, path_length) == 0 && std::strncmp(text + path_length, ": ", 2) == 0)
-        return text + path_length + 2;
-    return text;
-}
-
 obx_reader_context_t* obx_reader_open(const char* path, obx_read_options_t* options)
 {
     obx_reader_context_t* context = static_cast<obx_reader_context_t*>(calloc(1, sizeof(obx_reader_context_t)));
@@ -67,7 +47,7 @@ obx_reader_context_t* obx_reader_open(const char* path, obx_read_options_t* opti
     context->options = options;
     context->path = path;
     errno = 0;
-    context->file = path ? gzopen(path, "rb") : nullptr;
+    context->file = path ? obx_file_input_open(path) : nullptr;
     if (!context->file) {
         OBX_LOG_ERR("Failed to open data file %s: %s", path ? path : "(none)", std::strerror(errno));
         free(context);
@@ -100,7 +80,7 @@ void obx_reader_close(obx_reader_context_t* context)
     context->counters_writer = nullptr;
     obx_type_system_destroy(context->type_system);
     context->type_system = nullptr;
-    if (context->file) gzclose(context->file);
+    obx_file_input_close(context->file);
     free(context);
 }
 
@@ -128,8 +108,8 @@ static int read_header_bytes(obx_reader_context_t* context)
 {
     uint8_t bytes[OBX_FILE_HEADER_SIZE];
     errno = 0;
-    const int got = gzread(context->file, bytes, OBX_FILE_HEADER_SIZE);
-    if (read_went_wrong(context->file, got)) return -1;
+    const int got = obx_file_input_read(context->file, bytes, OBX_FILE_HEADER_SIZE);
+    if (obx_file_input_failed(context->file, got)) return -1;
     if (got == static_cast<int>(OBX_FILE_HEADER_SIZE)) obx_data_file_header_decode(bytes, &context->header);
     return got;
 }
@@ -166,7 +146,7 @@ bool obx_reader_process_file(const char* path, obx_read_options_t* options, bool
     do {
         const int got = read_header_bytes(context);
         if (got < 0) {
-            obx_reader_report(context, "Failed reading data file header: %s", read_error_text(context));
+            obx_reader_report(context, "Failed reading data file header: %s", obx_file_input_error(context->file));
             break;
         }
         if (got != static_cast<int>(OBX_FILE_HEADER_SIZE)) {
@@ -273,21 +253,21 @@ bool obx_reader_walk_blocks(obx_reader_context_t* context)
     bool ok = true;
     for (;;) {
         errno = 0;
-        const int got = gzread(context->file, chunk, block_size);
-        if (read_went_wrong(context->file, got)) {
+        const int got = obx_file_input_read(context->file, chunk, block_size);
+        if (obx_file_input_failed(context->file, got)) {
             // A damaged gzip wrapping: zlib says what was wrong.
-            OBX_LOG_ERR("Failed to read data file %s: %s", context->path, read_error_text(context));
+            OBX_LOG_ERR("Failed to read data file %s: %s", context->path, obx_file_input_error(context->file));
             ok = false;
             break;
         }
-        if (got == 0 && gzeof(context->file)) break;
+        if (got == 0 && obx_file_input_eof(context->file)) break;
         const size_t length = static_cast<size_t>(got);
         if (length < OBX_MAGIC_SIZE) {
             OBX_LOG_ERR("No data block header read from the file %s", context->path);
             ok = false;
             break;
         }
-        if (length < block_size && !gzeof(context->file)) {
+        if (length < block_size && !obx_file_input_eof(context->file)) {
             OBX_LOG_ERR("Failed to read data file %s: %s", context->path, std::strerror(errno));
             ok = false;
             break;

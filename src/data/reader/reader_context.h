@@ -3,7 +3,6 @@
 // encoded pages apart and handing every buffer to the block dispatch.
 #pragma once
 
-#include <zlib.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -21,9 +20,11 @@ class DataWriter;
 }
 
 // Per-file reading state; lives from obx_reader_open to obx_reader_close.
+struct obx_file_input_t;
+
 struct obx_reader_context_t {
     obx_read_options_t* options;      // run options, not owned
-    gzFile file;                      // open data file, owned
+    obx_file_input_t* file;           // open data file, owned (plain or gzip-wrapped)
     const char* path;                 // input path for messages, not owned
     obx_data_file_header_t header;    // the 256 bytes as read
     obx_type_system_t* type_system;   // current schemas, owned; replaced by schemas blocks
