@@ -117,3 +117,27 @@ TEST(InfluxPage, CountersByGroup) {
 }
 
 }  // namespace
+
+// A stated layout may read past its record: an event whose reads would pass the page's
+// bytes is dropped with the rest of its block; one that reads up to the last byte is not.
+TEST(InfluxPage, EventsReadNoFurtherThanThePage) {
+    SchemaFolder folder;
+    FieldDoc v("v", "uint16_t");
+    v.offset = 2;  // behind the record's two bytes
+    const SchemaId id = folder.add(EventSchemaDoc("p").type(TypeDoc{"w", {v}, 2}));
+    obx_type_system_t* system = obx_type_system_create();
+    ASSERT_NE(obx_type_system_load_schema_file(system, folder.file_of(id).c_str()), nullptr);
+    SchemasBlockFields ids;
+    ids.ids = {SchemaFolder::hex(id)};
+    const Bytes events = event_block(0, 0, 2, Bytes{1, 2, 3, 4}, kTime);
+    obx::data::InfluxSerializer serializer;
+    const struct { Bytes behind; Lines lines; } cases[] = {
+        {{}, {"w v=1027i 1600000000123"}},
+        {{5, 6}, {"w v=1027i 1600000000123", "w v=1541i 1600000000123"}},
+    };
+    for (const auto& c : cases) {
+        PagePtr page = make_page(concat({schemas_block(ids), events, c.behind}));
+        EXPECT_EQ(serializer.serializePage({}, page.get(), system), c.lines);
+    }
+    obx_type_system_destroy(system);
+}
