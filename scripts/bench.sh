@@ -4,8 +4,9 @@
 #
 #   scripts/bench.sh [build folder] [data folder]
 #
-# The input is generated once into the data folder (outside the repository) and reused
-# while the generator's version and the sizes asked for stay the same. Settings:
+# The input is written once by obx gen, as a collector writes, into the data folder
+# (outside the repository), and reused while what obx gen writes and the sizes asked for
+# stay the same. Settings:
 #   OBX_BENCH_RUNS          timed runs per case, the best counts (3)
 #   OBX_BENCH_EVENTS_MIB    uncompressed MiB of event blocks (1024)
 #   OBX_BENCH_COUNTERS_MIB  uncompressed MiB of counter blocks (256)
@@ -24,28 +25,53 @@ counters_mib=${OBX_BENCH_COUNTERS_MIB:-256}
 micro=${OBX_BENCH_MICRO:-1}
 
 reader=$build/obx_read
-generator=$build/bench/obx_bench_generate
+obx=$build/obx
 runner=$build/bench/obx_bench_run
-for tool in "$reader" "$generator" "$runner"; do
+for tool in "$reader" "$obx" "$runner"; do
     if [ ! -x "$tool" ]; then
         echo "bench: $tool is missing; build with OBX_BUILD_BENCH=ON first" >&2
         exit 2
     fi
 done
 
-# ---- input, made once -------------------------------------------------------------------
-want="$("$generator" --version)
+# ---- input, made once by obx gen ----------------------------------------------------------
+# One source at 100000 events a second writes about 3.6 MiB of event blocks a second; a
+# counters block is one 256-byte chunk a second and source. Each data file is made to hold
+# its whole span (file size and age limits out of the way).
+export OBX_HOST_NAME=bench
+seconds=$(awk -v m="$events_mib" 'BEGIN { s = int(m / 3.6 + 0.5); print s < 1 ? 1 : s }')
+counter_blocks=$((counters_mib * 4096))
+counter_sources=$(((counter_blocks + 604799) / 604800))
+counter_seconds=$(((counter_blocks + counter_sources - 1) / counter_sources))
+whole="--file-size 1048576 --file-age 604800"
+# What obx gen writes, by the bytes of a small run: a new obx gen that writes other bytes
+# makes new input.
+probe=$(mktemp -d)
+"$obx" -v 4 gen --out "$probe/g" --sources 1 --seconds 2 --rate 10 >/dev/null
+fingerprint=$(find "$probe/g" -type f | sort | xargs cat | md5sum | cut -d' ' -f1)
+rm -rf "$probe"
+want="obx gen $fingerprint
 events_mib $events_mib
 counters_mib $counters_mib"
 have=$(head -n 3 "$data/stamp" 2>/dev/null || true)
 if [ "$have" != "$want" ]; then
-    echo "bench: generating $events_mib MiB of events and $counters_mib MiB of counters in $data"
+    echo "bench: writing $events_mib MiB of events and $counters_mib MiB of counters with obx gen in $data"
     mkdir -p "$data"
-    rm -rf "$data/schema" "$data/events.bin.gz" "$data/events_pages.bin" "$data/counters.bin.gz" "$data/stamp"
-    "$generator" "$data" "$events_mib" "$counters_mib" >/dev/null
+    rm -rf "$data/wrapped" "$data/pages" "$data/counters" "$data/stamp"
+    # shellcheck disable=SC2086
+    "$obx" -v 4 gen --out "$data/wrapped" --sources 1 --seconds "$seconds" --rate 100000 --gzip-files $whole --json >"$data/wrapped.json"
+    # shellcheck disable=SC2086
+    "$obx" -v 4 gen --out "$data/pages" --sources 1 --seconds "$seconds" --rate 100000 --compress gzip $whole >/dev/null
+    # shellcheck disable=SC2086
+    "$obx" -v 4 gen --out "$data/counters" --sources "$counter_sources" --seconds "$counter_seconds" --rate 0 --gzip-files $whole --json >"$data/counters.json"
+    echo "$want" >"$data/stamp"
 fi
-events=$(awk '$1 == "events" { print $2 }' "$data/stamp")
-blocks=$(awk '$1 == "counter_blocks" { print $2 }' "$data/stamp")
+events_file=$(find "$data/wrapped/data" -name 'events_*')
+pages_file=$(find "$data/pages/data" -name 'events_*')
+counters_files=$(find "$data/counters/data" -name 'counters_*' | sort | tr '\n' ' ')
+events=$(sed -n 's/.*"cpu_sample": \([0-9]*\), "port_sample": \([0-9]*\), "job_end": \([0-9]*\).*/\1 \2 \3/p' "$data/wrapped.json" | awk '{ print $1 + $2 + $3 }')
+blocks=$(sed -n 's/.*"counter_blocks": \([0-9]*\).*/\1/p' "$data/counters.json")
+schema=$data/wrapped/schema
 
 # ---- timing -----------------------------------------------------------------------------
 # Best wall time and largest peak of `runs` runs: "<seconds> <KiB>".
@@ -91,16 +117,19 @@ report() {
     case $line in *FAIL*) failed=1 ;; esac
 }
 
+# run_file <files> <records> <format>...: files are paths without blanks, split on blanks.
 run_file() {
-    file=$1
+    files=$1
     records=$2
     shift 2
-    result=$(best_of gzip -dc "$file")
+    # shellcheck disable=SC2086
+    result=$(best_of gzip -dc $files)
     base=${result% *}
     report "gzip -dc" "$base" "${result#* }" "$base" - 0
     # ISA-L's own gzip, the floor of inflating alone.
     if command -v igzip >/dev/null 2>&1; then
-        result=$(best_of igzip -dc "$file")
+        # shellcheck disable=SC2086
+        result=$(best_of igzip -dc $files)
         report "igzip -dc" "${result% *}" "${result#* }" "$base" - 0
     fi
     for format in "$@"; do
@@ -108,36 +137,36 @@ run_file() {
             json) target=3.5 ;;
             *) target=3.0 ;;
         esac
-        result=$(best_of "$reader" -s "$data/schema" -f "$format" "$file")
+        # shellcheck disable=SC2086
+        result=$(best_of "$reader" -s "$schema" -f "$format" $files)
         report "obx_read -f $format" "${result% *}" "${result#* }" "$base" "$target" "$records"
     done
 }
 
-report_header "events: $events_mib MiB of event blocks, $events events ($(du -m "$data/events.bin.gz" | cut -f1) MiB gzip), best of $runs"
-run_file "$data/events.bin.gz" "$events" ndjson json influx
+report_header "events: about $events_mib MiB of event blocks, $events events ($(du -m "$events_file" | cut -f1) MiB gzip), best of $runs"
+run_file "$events_file" "$events" ndjson json influx
 # obx info reads the same file once and renders nothing: within the time of gzip -dc.
 if [ -x "$build/obx" ]; then
-    result=$(best_of "$build/obx" info -s "$data/schema" "$data/events.bin.gz")
+    result=$(best_of "$build/obx" info -s "$schema" "$events_file")
     report "obx info" "${result% *}" "${result#* }" "$base" 1.0 "$events"
 fi
 # The same events as chunks of gzip pages, re-exported into a fresh folder each run.
 out_dir=$(mktemp -d)
 trap 'rm -rf "$out_dir"' EXIT
-report_header "bin: the same events as $(du -m "$data/events_pages.bin" | cut -f1) MiB of gzip pages, re-exported, best of $runs"
-result=$(best_of gzip -dc "$data/events.bin.gz")
+report_header "bin: the same events as $(du -m "$pages_file" | cut -f1) MiB of gzip pages, re-exported, best of $runs"
+result=$(best_of gzip -dc "$events_file")
 base=${result% *}
 report "gzip -dc (wrapped)" "$base" "${result#* }" "$base" - 0
-result=$(best_of sh -c 'rm -rf "$1"/* && exec "$2" -v 3 -s "$3" -f bin --output-dir "$1" "$4"' sh "$out_dir" "$reader" "$data/schema" "$data/events_pages.bin")
+result=$(best_of sh -c 'rm -rf "$1"/* && exec "$2" -v 3 -s "$3" -f bin --output-dir "$1" "$4"' sh "$out_dir" "$reader" "$schema" "$pages_file")
 report "obx_read -f bin" "${result% *}" "${result#* }" "$base" 1.5 "$events"
 rm -rf "${out_dir:?}"/*
 
-report_header "counters: $counters_mib MiB of counter blocks, $blocks blocks ($(du -m "$data/counters.bin.gz" | cut -f1) MiB gzip), best of $runs"
-run_file "$data/counters.bin.gz" "$blocks" ndjson json
+# shellcheck disable=SC2086
+report_header "counters: $counters_mib MiB of counter blocks, $blocks blocks ($(du -cm $counters_files | tail -n 1 | cut -f1) MiB gzip), best of $runs"
+run_file "$counters_files" "$blocks" ndjson json
 
 # ---- obx gen -----------------------------------------------------------------------------
-# Writing: obx gen of uncompressed data into a fresh folder, in MB/s of data files (target
-# at least 300). Reading: obx_read of what obx gen writes gzip-wrapped, against gzip -dc of
-# the same files.
+# obx gen of uncompressed data into a fresh folder, in MB/s of data files (target at least 300).
 if [ -x "$build/obx" ]; then
     gen_dir=$(mktemp -d)
     trap 'rm -rf "$out_dir" "$gen_dir"' EXIT
@@ -154,18 +183,6 @@ if [ -x "$build/obx" ]; then
         printf "%-22s %9.2f %9.0f MB/s  target 300 MB/s  peak %.1f MiB  %s\n", "obx gen", t, rate, kib / 1024, verdict
         exit (met ? 0 : 1)
     }' || failed=1
-    "$build/obx" "$@" --gzip-files --out "$gen_dir/wrapped" >/dev/null
-    files=$(find "$gen_dir/wrapped/data" -type f | sort)
-    report_header "obx gen data: the same folder gzip-wrapped, $(du -cm $files | tail -n 1 | cut -f1) MiB in $(echo "$files" | wc -l) files, best of $runs"
-    # shellcheck disable=SC2086
-    result=$(best_of gzip -dc $files)
-    base=${result% *}
-    report "gzip -dc" "$base" "${result#* }" "$base" - 0
-    for format in ndjson json; do
-        result=$(best_of "$reader" -s "$gen_dir/wrapped/schema" -d "$gen_dir/wrapped/data" -f "$format")
-        # No target of its own: float-heavy records, shown beside the events above.
-        report "obx_read -f $format" "${result% *}" "${result#* }" "$base" - "$records"
-    done
 fi
 
 # ---- hot functions ----------------------------------------------------------------------

@@ -65,7 +65,8 @@ constexpr uint64_t kMaxRate = 100000;
 constexpr uint32_t kEventsChunk = 16384, kCountersChunk = 256, kMetricsChunk = 2048;
 constexpr size_t kChunksPerPage = 8;
 // Files are finished at 16 MiB or after ten minutes of data.
-constexpr uint64_t kFileSizeLimit = 16ull << 20, kFileAgeLimit = 600 * kSecond;
+// Defaults of the data writer's limits: 16 MiB and ten minutes a file.
+constexpr uint64_t kFileSizeMib = 16, kFileAgeSeconds = 600, kMaxFileSizeMib = 1ull << 20;
 // Bytes of events in one buffer, leaving room for a page frame's header and for data
 // that does not compress.
 constexpr uint64_t kEventsRoom = kEventsChunk - 512;
@@ -82,6 +83,8 @@ struct Options {
     uint64_t seed = 1;
     bool json = false;
     bool gzip_files = false;  // each finished data file gzip-wrapped whole, as archives keep them
+    uint64_t file_size_mib = kFileSizeMib;
+    uint64_t file_age_seconds = kFileAgeSeconds;
 };
 
 // splitmix64: small, fast and the same on every machine.
@@ -537,7 +540,8 @@ bool gzip_file(const std::string& from, const std::string& to) {
 // thousand sources must not run out of file handles.
 class Output {
 public:
-    Output(std::string base, const obx_client_id_t& client) : base_(std::move(base)), client_(client) {}
+    Output(std::string base, const obx_client_id_t& client, uint64_t file_size, uint64_t file_age)
+        : base_(std::move(base)), client_(client), file_size_(file_size), file_age_(file_age) {}
     ~Output() { obx_data_writer_destroy(writer_); }
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;
@@ -546,8 +550,8 @@ public:
         if (!writer_) {
             writer_ = obx_data_writer_create(&client_);
             if (!writer_ || !obx_data_writer_set_base_path(writer_, base_.c_str()) ||
-                !obx_data_writer_set_file_size_limit(writer_, kFileSizeLimit) ||
-                !obx_data_writer_set_file_age_limit(writer_, kFileAgeLimit))
+                !obx_data_writer_set_file_size_limit(writer_, file_size_) ||
+                !obx_data_writer_set_file_age_limit(writer_, file_age_))
                 throw std::runtime_error("the data writer could not be set up");
         }
         if (!obx_data_writer_write_page(writer_, &page, nullptr)) throw std::runtime_error("the data writer failed");
@@ -585,6 +589,7 @@ public:
 private:
     std::string base_;
     obx_client_id_t client_;
+    uint64_t file_size_, file_age_;
     obx::DataWriter* writer_ = nullptr;
     size_t pages_ = 0;
     uint64_t bytes_ = 0;
@@ -755,12 +760,13 @@ int run_gen(int argc, char** argv) {
         {"seconds", required_argument, nullptr, 'n'}, {"rate", required_argument, nullptr, 'r'},
         {"compress", required_argument, nullptr, 'c'}, {"seed", required_argument, nullptr, 'S'},
         {"json", no_argument, nullptr, 'j'},       {"gzip-files", no_argument, nullptr, 'z'},
+        {"file-size", required_argument, nullptr, 'F'}, {"file-age", required_argument, nullptr, 'A'},
         {nullptr, 0, nullptr, 0},
     };
     const obx_command_t* self = &obx_command_gen;
     Options options;
     unsigned long long number = 0;
-    for (int code; (code = getopt_long(argc, argv, ":ho:s:t:n:r:c:S:jz", kOptions, nullptr)) != -1;) {
+    for (int code; (code = getopt_long(argc, argv, ":ho:s:t:n:r:c:S:jzF:A:", kOptions, nullptr)) != -1;) {
         switch (code) {
             case 'h': return obx_command_print_help(self);
             case 'o': options.out = optarg; break;
@@ -793,6 +799,18 @@ int run_gen(int argc, char** argv) {
                 break;
             case 'j': options.json = true; break;
             case 'z': options.gzip_files = true; break;
+            case 'F':
+                if (!obx_command_parse_u64(optarg, 1, kMaxFileSizeMib, &number))
+                    return obx_command_usage_error(self, "--file-size '%s' is not a number of MiB from 1 to %llu", optarg,
+                                                   static_cast<unsigned long long>(kMaxFileSizeMib));
+                options.file_size_mib = number;
+                break;
+            case 'A':
+                if (!obx_command_parse_u64(optarg, 1, kMaxSeconds, &number))
+                    return obx_command_usage_error(self, "--file-age '%s' is not a number of seconds from 1 to %llu", optarg,
+                                                   static_cast<unsigned long long>(kMaxSeconds));
+                options.file_age_seconds = number;
+                break;
             default: return obx_command_option_error(self, code, argv);
         }
     }
@@ -830,7 +848,7 @@ int run_gen(int argc, char** argv) {
         return OBX_EXIT_FAILURE;
     }
     try {
-        Output output(data, *client);
+        Output output(data, *client, options.file_size_mib << 20, options.file_age_seconds * kSecond);
         catch_stop_signals();
         for (uint16_t i = 0; i < sources->count && !g_stop_signal; ++i)
             generate_source(output, options, *sources->sources[i], i, ids, summary);
@@ -873,6 +891,8 @@ const obx_command_t obx_command_gen = {
     "  -c, --compress none|gzip|snappy\n"
     "                       pages as compressed page frames (none)\n"
     "  -z, --gzip-files     gzip-wrap each data file whole once it is written (NAME.gz)\n"
+    "  -F, --file-size MIB  a data file is finished at this size (16)\n"
+    "  -A, --file-age N     a data file is finished when its data spans N seconds (600)\n"
     "  -S, --seed N         seed of the values (1)\n"
     "  -j, --json           print the summary as JSON\n"
     "  -h, --help           print this text\n",
