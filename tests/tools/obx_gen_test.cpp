@@ -109,6 +109,9 @@ TEST(ObxGen, UsageErrorsAndFailures) {
         {{"-o", "x", "-r", "-1"}, 2, "obx gen: --rate '-1' is not a number of events from 0 to 100000" + help},
         {{"-o", "x", "-t", "soon"}, 2, "obx gen: --start 'soon' is not a time in microseconds since the epoch" + help},
         {{"-o", "x", "-S", "1.5"}, 2, "obx gen: --seed '1.5' is not a number" + help},
+        {{"-o", "x", "-F", "0"}, 2, "obx gen: --file-size '0' is not a number of MiB from 1 to 1048576" + help},
+        {{"-o", "x", "--file-size", "1048577"}, 2, "obx gen: --file-size '1048577' is not a number of MiB from 1 to 1048576" + help},
+        {{"-o", "x", "-A", "604801"}, 2, "obx gen: --file-age '604801' is not a number of seconds from 1 to 604800" + help},
         {{"-o", dir.path(), "-s", "3-1"}, 1, ""},
         {{"-o", dir.file("plain/below")}, 1, ""},
     };
@@ -137,6 +140,13 @@ TEST(ObxGen, FilesFollowThePathTemplateAndTheAgeLimit) {
     EXPECT_EQ(per_tag, (std::map<std::string, size_t>{{"counters", 2}, {"events", 2}, {"metrics", 2}}));
     for (const std::string tag : {"counters", "events", "metrics"})
         EXPECT_TRUE(std::filesystem::exists(dir.file("data/2023/1114/h_1/" + tag + "_1700000000000000.bin"))) << tag;
+
+    // Other limits: a file of each tag per 300 seconds, or one for the whole span.
+    for (const auto& [age, files] : std::vector<std::pair<std::string, size_t>>{{"300", 3}, {"800", 1}}) {
+        const std::string out = dir.file("age" + age);
+        ASSERT_EQ(run_obx({"-v", "4", "gen", "-s", "1", "-n", "700", "-r", "1", "-A", age, "-o", out}, kHost).exit_status, 0);
+        EXPECT_EQ(tree(out + "/data").size(), 3 * files) << age;
+    }
 
     const auto again = run_obx({"-v", "4", "gen", "-o", dir.path()}, kHost);
     EXPECT_EQ(again.exit_status, 1);
