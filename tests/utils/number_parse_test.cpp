@@ -26,3 +26,24 @@ TEST(NumberParse, SignedAndUnsigned) {
                                                           {"18446744073709551616", false, 0}, {"1e3", false, 0}, {nullptr, false, 0}});
     EXPECT_FALSE(obx_str_to_long("1", nullptr));
 }
+
+// The narrow parsers: strtoull, then their upper bound; the int parser works on a copy of
+// `length` bytes and keeps to 32 bits.
+TEST(NumberParse, NarrowWidthsAndBoundedText) {
+    check_rows<uint8_t>(obx_str_to_uint8, {{"255", true, 255}, {"256", false, 0}, {"0xff", true, 255}, {"-0", true, 0}, {"", false, 0}});
+    check_rows<uint16_t>(obx_str_to_uint16, {{"65535", true, 65535}, {"65536", false, 0}, {"0177777", true, 65535}, {"1 ", false, 0}});
+    check_rows<uint32_t>(obx_str_to_uint32, {{"4294967295", true, 4294967295u}, {"4294967296", false, 0}, {"x", false, 0}});
+    check_rows<uint64_t>(obx_str_to_uint64, {{"18446744073709551615", true, UINT64_MAX}, {"18446744073709551616", false, 0}});
+    check_rows<unsigned long>(obx_str_to_ulong, {{"18446744073709551615", true, ULONG_MAX}, {"18446744073709551616", false, 0}});
+    check_rows<long long>(obx_str_to_longlong, {{"-9223372036854775808", true, LLONG_MIN}, {"-9223372036854775809", false, 0}});
+    const struct { const char* text; size_t length; bool ok; int value; } ints[] = {
+        {"2147483647", 10, true, INT_MAX}, {"2147483648", 10, false, 0}, {"-2147483648", 11, true, INT_MIN},
+        {"-2147483649", 11, false, 0}, {"12345", 3, true, 123}, {"12x", 2, true, 12}, {"12x", 3, false, 0}, {"", 0, false, 0},
+    };
+    for (const auto& c : ints) {
+        int out = 77;
+        EXPECT_EQ(obx_strn_to_int(c.text, c.length, &out), c.ok) << c.text << " " << c.length;
+        EXPECT_EQ(out, c.ok ? c.value : 77) << c.text;
+    }
+}
+
