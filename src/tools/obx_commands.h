@@ -6,4 +6,5 @@
     X(sources)          \
     X(schema)           \
     X(gen)              \
-    X(info)
+    X(info)             \
+    X(influx)

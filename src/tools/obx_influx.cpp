@@ -1,0 +1,317 @@
+// obx influx: data files as InfluxDB line protocol, one point per record: each event, each
+// counters measurement of a counters block, each sample of a CNTX block.
+#include <getopt.h>
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "counters/counter_group/counters_schema.h"
+#include "data/format/data_file_format.h"
+#include "data/format/data_page_layout.h"
+#include "data/reader/block_dispatch.h"
+#include "data/reader/reader_context.h"
+#include "data/reader/reader_options.h"
+#include "data/reader/reader_type_system.h"
+#include "data/schema/built_in_types.h"
+#include "data/schema/type_definition.h"
+#include "data/schema/type_system.h"
+#include "data/writer/data_page.h"
+#include "metrics/cntx_parser.h"
+#include "serializers/influx_serializer.h"
+#include "tools/obx_command.h"
+#include "tools/obx_commands.h"
+#include "utils/logger.h"
+
+namespace {
+
+using obx::data::InfluxSerializer;
+
+constexpr size_t kFlushAt = 1u << 20;
+
+// One run over the files: the serializer, the output precision and the points written.
+struct Run {
+    InfluxSerializer serializer;
+    uint64_t divisor = 1;  // nanoseconds per unit of the output precision
+    uint64_t points = 0, skipped = 0;
+    std::string out;
+    obx::data::SerializerTags tags;  // source of the file being read
+    // Events without a time of their own: the block time and a count of the events of
+    // that type at that time so far.
+    std::map<const obx_type_definition_t*, std::pair<uint64_t, uint64_t>> sequence;
+    obx_data_page_t* no_adapters = nullptr;  // counters of chunks carry no adapter records
+    bool write_failed = false;
+};
+Run* g_run = nullptr;
+
+void flush(Run& run) {
+    if (!run.out.empty() && std::fwrite(run.out.data(), 1, run.out.size(), stdout) != run.out.size()) run.write_failed = true;
+    run.out.clear();
+}
+
+// `line` is measurement, tags and fields; the time goes behind it.
+void put_point(Run& run, const std::string& line, uint64_t nanoseconds) {
+    run.out += line;
+    run.out += ' ';
+    run.out += std::to_string(nanoseconds / run.divisor);
+    run.out += '\n';
+    ++run.points;
+    if (run.out.size() >= kFlushAt) flush(run);
+}
+
+std::string tag_text(const Run& run, const obx::data::SerializerTags& tags) {
+    std::string text;
+    for (const auto& [key, value] : tags)
+        text += "," + InfluxSerializer::escape(key, run.serializer.keyEscapes()) + "=" +
+                InfluxSerializer::escape(value, run.serializer.keyEscapes());
+    return text;
+}
+
+// The first top-level field of type timestamp, or none.
+const obx_type_field_definition_t* own_time_field(const obx_type_definition_t* type) {
+    for (uint16_t i = 0; i < type->num_fields; ++i) {
+        const obx_type_field_definition_t* field = type->fields ? type->fields[i] : nullptr;
+        if (field && field->type && field->type->id == OBX_TYPE_TIMESTAMP && field->array_length == 1) return field;
+    }
+    return nullptr;
+}
+
+uint64_t event_time(Run& run, const obx_type_definition_t* type, const uint8_t* record, uint64_t block_time) {
+    if (const obx_type_field_definition_t* field = own_time_field(type)) return obx_le_u64(record + field->offset) * 1000;
+    auto& [time, count] = run.sequence[type];
+    if (time != block_time) time = block_time, count = 0;
+    return block_time * 1000 + count++;
+}
+
+// Events and schemas blocks back to back; false when a block cannot be read, as the walk
+// would then go nowhere.
+bool put_events(Run& run, obx_reader_context_t* context, const uint8_t* data, size_t size) {
+    for (size_t offset = 0; size - offset > OBX_MAGIC_SIZE;) {
+        const uint8_t* block = data + offset;
+        const size_t remaining = size - offset;
+        const uint32_t type = obx_block_type_get(block);
+        size_t consumed = 0;
+        if (type == OBX_SCHEMAS_BLOCK) {
+            consumed = obx_reader_load_schemas_block(context, block, remaining);
+        } else if (type == OBX_EVENTS_BLOCK && remaining >= OBX_EVENT_BLOCK_HEAD_SIZE) {
+            obx_event_block_head_t head;
+            obx_event_block_head_read(block, &head);
+            const obx_type_definition_t* event_type =
+                obx_type_system_event_type(context->type_system, head.schema_index, head.type_index);
+            if (!event_type) {
+                OBX_LOG_ERR("Event type %u:%u at offset %zu is in no loaded schema", static_cast<unsigned>(head.schema_index),
+                            static_cast<unsigned>(head.type_index), offset);
+                return false;
+            }
+            const std::string measurement =
+                InfluxSerializer::escape(event_type->name ? event_type->name : "", run.serializer.measurementEscapes()) +
+                tag_text(run, run.tags) + " ";
+            const uint64_t reach = obx_type_definition_reach(event_type);
+            consumed = OBX_EVENT_BLOCK_HEAD_SIZE;
+            for (unsigned i = 0; i < head.num_events && remaining - consumed >= event_type->size; ++i) {
+                const uint8_t* record = block + consumed;
+                if (reach > remaining - consumed) {
+                    OBX_LOG_ERR("Event of type '%s' at offset %zu reads past its buffer", event_type->name, offset + consumed);
+                    return false;
+                }
+                const std::vector<std::string> fields = run.serializer.serializeFields(event_type, record, "");
+                consumed += event_type->size;
+                if (fields.empty()) {
+                    ++run.skipped;  // a point needs a field
+                    continue;
+                }
+                std::string line = measurement;
+                for (size_t f = 0; f < fields.size(); ++f) {
+                    line += f ? "," : "";
+                    // InfluxDB keeps no field named time: it would be dropped without a word.
+                    line += fields[f].compare(0, 5, "time=") == 0 ? "time_" + fields[f].substr(4) : fields[f];
+                }
+                put_point(run, line, event_time(run, event_type, record, head.timestamp));
+            }
+            if (event_type->size == 0) break;  // nothing to step by
+        } else {
+            break;  // the zero-filled tail of a buffer
+        }
+        if (consumed == 0) return false;
+        offset += consumed;
+    }
+    return true;
+}
+
+bool put_counters(Run& run, obx_reader_context_t* context, const uint8_t* block, size_t size) {
+    const obx_counters_schema_t* schema = context->type_system ? context->type_system->counters_schema : nullptr;
+    if (!schema || size < OBX_COUNTERS_BLOCK_HEAD_SIZE + 8ull * obx_counters_schema_total_values(schema)) {
+        OBX_LOG_ERR("Counters block of %zu bytes has no counters schema that fits it", size);
+        return false;
+    }
+    obx_counters_block_head_t head;
+    obx_counters_block_head_read(block, &head);
+    for (const auto& measurement : run.serializer.buildMeasurements(run.tags, run.no_adapters, schema)) {
+        std::string line = run.serializer.serializeMeasurement(measurement, block);
+        line.erase(line.rfind(' '));  // its own time is in milliseconds
+        put_point(run, line, head.timestamp * 1000);
+    }
+    return true;
+}
+
+bool put_metrics(Run& run, const uint8_t* data, size_t size) {
+    const uint64_t total = ObxMetricsParser::get_total_size(data, data + size);
+    if (total == 0 || total > size) {
+        OBX_LOG_ERR("CNTX block of %zu bytes has no whole size", size);
+        return false;
+    }
+    const uint8_t* end = data + total;
+    try {
+        ObxLabelNames label_names;
+        std::vector<std::string> label_values, metric_names;
+        std::vector<MetricsBatchRecord> records;
+        ObxMetricsParser::parse_full_block(data, end, label_names, label_values, metric_names, records);
+        const ObxConstantLabels constants = ObxMetricsParser::parse_constant_labels(data, end);
+        for (const MetricsBatchRecord& record : records) {
+            obx::data::SerializerTags tags = run.tags;
+            for (const auto& [name, value] : constants) tags[name] = value;
+            const std::vector<std::string> values = decode_label_values(record.labels, label_values);
+            const auto names = label_names.find(record.label_set_id);
+            for (size_t i = 0; names != label_names.end() && i < names->second.size() && i < values.size(); ++i)
+                tags[names->second[i]] = values[i];
+            const std::string tag_part = tag_text(run, tags);
+            for (const auto& sample : record.batch.samples) {
+                const uint16_t id = sample.metric_id;
+                const uint64_t value = sample.value;
+                if (id >= metric_names.size()) throw std::runtime_error("metric id " + std::to_string(id) + " has no name");
+                // InfluxDB 1.x integers are signed: larger values go as floats.
+                const std::string field = value <= INT64_MAX ? std::to_string(value) + "i" : std::to_string(value);
+                put_point(run, InfluxSerializer::escape(metric_names[id], run.serializer.measurementEscapes()) + tag_part + " value=" + field,
+                          record.timestamp * 1000);
+            }
+        }
+    } catch (const std::exception& failure) {
+        OBX_LOG_ERR("CNTX block could not be read: %s", failure.what());
+        return false;
+    }
+    return true;
+}
+
+bool on_buffer(obx_reader_context_t* context, const uint8_t* data, size_t size, bool) {
+    Run& run = *g_run;
+    if (size < OBX_MAGIC_SIZE) return false;
+    switch (obx_block_type_get(data)) {
+        case OBX_COUNTERS_BLOCK: return put_counters(run, context, data, size);
+        case OBX_EVENTS_BLOCK:
+        case OBX_SCHEMAS_BLOCK: return put_events(run, context, data, size);
+        case OBX_CNTX_BLOCK: return put_metrics(run, data, size);
+        default:
+            OBX_LOG_ERR("Block of type %u is no telemetry", static_cast<unsigned>(obx_block_type_get(data)));
+            return false;
+    }
+}
+
+bool precision_divisor(const char* text, uint64_t* divisor) {
+    const struct { const char* name; uint64_t divisor; } units[] = {{"ns", 1}, {"us", 1000}, {"ms", 1000000}, {"s", 1000000000}};
+    for (const auto& unit : units)
+        if (std::strcmp(text, unit.name) == 0) return *divisor = unit.divisor, true;
+    return false;
+}
+
+int run_influx(int argc, char** argv) {
+    static const struct option kOptions[] = {
+        {"help", no_argument, nullptr, 'h'},
+        {"schema-path", required_argument, nullptr, 's'},
+        {"data-path", required_argument, nullptr, 'd'},
+        {"precision", required_argument, nullptr, 'p'},
+        {nullptr, 0, nullptr, 0},
+    };
+    const obx_command_t* self = &obx_command_influx;
+    Run run;
+    const char* schema_path = nullptr;
+    const char* data_dir = nullptr;
+    for (int code; (code = getopt_long(argc, argv, ":hs:d:p:", kOptions, nullptr)) != -1;) {
+        switch (code) {
+            case 'h': return obx_command_print_help(self);
+            case 's': schema_path = optarg; break;
+            case 'd': data_dir = optarg; break;
+            case 'p':
+                if (!precision_divisor(optarg, &run.divisor))
+                    return obx_command_usage_error(self, "--precision '%s' is not ns, us, ms or s", optarg);
+                break;
+            default: return obx_command_option_error(self, code, argv);
+        }
+    }
+    if (optind >= argc && !data_dir) return obx_command_usage_error(self, "a data file or -d DIR is needed");
+
+    obx_read_options_t options;
+    std::memset(&options, 0, sizeof options);
+    if (!obx_read_options_init(&options)) return OBX_EXIT_FAILURE;
+    std::unique_ptr<obx_read_options_t, void (*)(obx_read_options_t*)> release(&options, obx_read_options_release);
+    if (!obx_command_collect_inputs(&options.data_files, argc - optind, argv + optind, data_dir)) return OBX_EXIT_FAILURE;
+    char* folder = obx_command_schema_folder(schema_path, options.data_files);
+    std::free(options.schema_path);
+    options.schema_path = folder ? folder : strdup(schema_path ? schema_path : OBX_READ_SCHEMA_FOLDER);
+    options.format = OBX_OUTPUT_FORMAT_NDJSON;
+
+    std::unique_ptr<obx_data_page_t, void (*)(obx_data_page_t*)> no_adapters(
+        static_cast<obx_data_page_t*>(std::calloc(1, sizeof(obx_data_page_t))), [](obx_data_page_t* page) { std::free(page); });
+    if (!no_adapters) return OBX_EXIT_FAILURE;
+    run.no_adapters = no_adapters.get();
+    g_run = &run;
+    const obx_reader_buffer_handler_t previous = obx_reader_set_buffer_handler(on_buffer);
+    size_t failed = 0;
+    for (size_t i = 0; i < options.data_files->count; ++i) {
+        const char* path = options.data_files->strings[i];
+        obx_data_file_header_t header;
+        if (!obx_read_file_header(path, &options, &header)) {
+            ++failed;
+            continue;
+        }
+        run.tags = {{"source_id", std::string(header.source_id, strnlen(header.source_id, sizeof header.source_id))},
+                    {"source_tag", std::string(header.source_tag, strnlen(header.source_tag, sizeof header.source_tag))}};
+        run.sequence.clear();
+        if (!obx_reader_process_file(path, &options, true)) ++failed;
+    }
+    obx_reader_set_buffer_handler(previous);
+    g_run = nullptr;
+    flush(run);
+    if (std::fflush(stdout) != 0 || run.write_failed) {
+        std::fprintf(stderr, "obx influx: standard output could not be written\n");
+        return OBX_EXIT_FAILURE;
+    }
+    if (run.skipped) std::fprintf(stderr, "obx influx: %" PRIu64 " events had no field to write\n", run.skipped);
+    if (failed) std::fprintf(stderr, "obx influx: %zu of %zu files could not be read whole\n", failed, static_cast<size_t>(options.data_files->count));
+    return failed ? OBX_EXIT_FAILURE : OBX_EXIT_OK;
+}
+
+}  // namespace
+
+const obx_command_t obx_command_influx = {
+    "influx",
+    "write data files as InfluxDB line protocol, a point per record",
+    "Usage: obx influx [-s DIR] [-d DIR] [--precision ns|us|ms|s] FILE...\n"
+    "\n"
+    "Writes every record of the data files as a point of InfluxDB line protocol on\n"
+    "standard output, ready for its /write endpoint:\n"
+    "  events        measurement = the event type's name, fields as obx_read -f influx\n"
+    "                writes them (a field named time as time_, since InfluxDB keeps\n"
+    "                no field of that name); time = the event's first field of type\n"
+    "                timestamp, else its block's time plus its place among the events\n"
+    "                of that type and block time, in nanoseconds;\n"
+    "  counters      node and CPU measurements of each counters block, at its time;\n"
+    "  CNTX metrics  measurement = the metric's name, its labels and constant labels\n"
+    "                as tags, field value (an integer, or a float above the signed\n"
+    "                64-bit range), at its record's time.\n"
+    "Every point carries the tags source_id and source_tag of its file.\n"
+    "\n"
+    "Options:\n"
+    "  -s, --schema-path DIR   the schema folder, as obx_read takes it\n"
+    "  -d, --data-path DIR     every file below DIR too\n"
+    "  -p, --precision UNIT    ns (default), us, ms or s: the unit of the times written\n"
+    "  -h, --help              print this text\n"
+    "\n"
+    "Exit status: 0, 1 when a file could not be read whole, 2 on a usage error.\n",
+    run_influx,
+};
