@@ -1,6 +1,7 @@
 #include "serializers/influx_serializer.h"
 
 #include <cctype>
+#include <cmath>
 #include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
@@ -258,9 +259,10 @@ std::string InfluxSerializer::serializeMeasurement(const InfluxMeasurement& meas
     if (!tag_text.empty()) line += "," + tag_text;
     std::string fields;
     for (const InfluxCounterField& field : measurement.fields) {
+        const std::string text = counterText(block + OBX_COUNTERS_BLOCK_HEAD_SIZE + 8 * field.value_index, field.data_type);
+        if (faithful && text.empty()) continue;
         if (!fields.empty()) fields += ",";
-        fields += escape(field.name, key_escapes) + "=" +
-                  renderCounterValue(block + OBX_COUNTERS_BLOCK_HEAD_SIZE + 8 * field.value_index, field.data_type);
+        fields += (faithful ? fieldKey(field.name) : escape(field.name, key_escapes)) + "=" + text;
     }
     line += " " + fields;
     line += " " + std::to_string(obx_le_u64(block + OBX_COUNTERS_BLOCK_TIMESTAMP) / 1000);
@@ -358,6 +360,51 @@ std::string InfluxSerializer::renderCounterValue(const uint8_t* value, int32_t d
     }
 }
 
+std::string InfluxSerializer::scalarText(uint32_t id, const uint8_t* value) const
+{
+    if (!faithful) return renderScalar(id, value);
+    double real = 0;
+    switch (id) {
+    case OBX_TYPE_FLOAT: real = static_cast<double>(obx_le_f32(value)); break;
+    case OBX_TYPE_DOUBLE: real = obx_le_f64(value); break;
+    case OBX_TYPE_UNSIGNED_LONG:
+    case OBX_TYPE_UNSIGNED_LONG_LONG:
+    case OBX_TYPE_UINT64:
+    case OBX_TYPE_TIMESTAMP:
+        // InfluxDB 1.x has signed integers only.
+        if (obx_le_u64(value) > static_cast<uint64_t>(INT64_MAX)) return format("%.17g", static_cast<double>(obx_le_u64(value)));
+        return renderScalar(id, value);
+    default: return renderScalar(id, value);
+    }
+    return std::isfinite(real) ? format("%.17g", real) : std::string();
+}
+
+std::string InfluxSerializer::counterText(const uint8_t* value, int32_t data_type) const
+{
+    if (!faithful) return renderCounterValue(value, data_type);
+    switch (data_type) {
+    case kCounterFp64: {
+        const double real = obx_le_f64(value);
+        return std::isfinite(real) ? format("%.17g", real) : std::string();
+    }
+    case kCounterUint64:
+    case kCounterBit64:
+        if (obx_le_u64(value) > static_cast<uint64_t>(INT64_MAX)) return format("%.17g", static_cast<double>(obx_le_u64(value)));
+        return renderCounterValue(value, data_type);
+    case kCounterString: {
+        size_t used = 0;
+        while (used < 8 && std::isprint(static_cast<signed char>(value[used]))) ++used;
+        return "\"" + escape(std::string(reinterpret_cast<const char*>(value), used), {"\\", "\""}) + "\"";
+    }
+    default: return renderCounterValue(value, data_type);
+    }
+}
+
+std::string InfluxSerializer::fieldKey(const std::string& name) const
+{
+    return faithful ? escape(name, {" ", ",", "="}) : name;
+}
+
 std::vector<std::string> InfluxSerializer::serializeFields(const obx_type_definition_t* type, const uint8_t* record,
                                                            const std::string& prefix) const
 {
@@ -378,7 +425,11 @@ std::vector<std::string> InfluxSerializer::serializeField(const obx_type_field_d
     const obx_type_definition_t* type = resolved_type(field);
     if (field->array_length == 1) {
         std::string name = dotted_name(prefix, field->field_name);
-        if (type->id != OBX_TYPE_COMPOSITE) return {name + "=" + renderScalar(type->id, value)};
+        if (type->id != OBX_TYPE_COMPOSITE) {
+            const std::string text = scalarText(type->id, value);
+            if (text.empty()) return {};
+            return {fieldKey(name) + "=" + text};
+        }
         return serializeFields(type, value, name);
     }
     if (type->id == OBX_TYPE_CHAR || type->id == OBX_TYPE_UNSIGNED_CHAR) return serializeTextField(field, value, prefix);
@@ -391,9 +442,10 @@ std::vector<std::string> InfluxSerializer::serializeTextField(const obx_type_fie
     resolved_type(field);
     size_t used = 0;
     while (used < field->array_length && std::isprint(static_cast<signed char>(value[used]))) ++used;
-    std::string text = dotted_name(prefix, field->field_name);
+    std::string text = fieldKey(dotted_name(prefix, field->field_name));
     text += "=\"";
-    text.append(reinterpret_cast<const char*>(value), used);
+    const std::string content(reinterpret_cast<const char*>(value), used);
+    text += faithful ? escape(content, {"\\", "\""}) : content;
     text += "\"";
     return {text};
 }
@@ -405,6 +457,13 @@ std::vector<std::string> InfluxSerializer::serializeArrayField(const obx_type_fi
     const obx_type_definition_t* type = resolved_type(field);
     // No dot between the prefix and the field's name here, unlike scalars and texts.
     const std::string element_prefix = prefix + field->field_name + ".";
+    if (faithful && type->id != OBX_TYPE_COMPOSITE) {
+        for (uint32_t i = 0; i < field->array_length; ++i) {
+            const std::string text = scalarText(type->id, value + i * field->type_size);
+            if (!text.empty()) result.push_back(fieldKey(element_prefix + std::to_string(i)) + "=" + text);
+        }
+        return result;
+    }
     for (uint32_t i = 0; i < field->array_length; ++i) {
         std::vector<std::string> texts =
             serializeFields(type, value + i * field->type_size, element_prefix + std::to_string(i));
@@ -417,8 +476,8 @@ std::string InfluxSerializer::serializeTags(const SerializerTags& tags) const
 {
     std::string result;
     for (const auto& tag : tags) {
-        const std::string value = escape(tag.second, key_escapes);
-        const std::string key = escape(tag.first, key_escapes);
+        const std::string value = faithful ? fieldKey(tag.second) : escape(tag.second, key_escapes);
+        const std::string key = faithful ? fieldKey(tag.first) : escape(tag.first, key_escapes);
         if (!result.empty()) result += ",";
         result += key + "=" + value;
     }

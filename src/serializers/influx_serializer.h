@@ -84,10 +84,22 @@ public:
     std::string serializeEventLine(const SerializerTags& tags, const obx_type_definition_t* type,
                                    const uint8_t* record, uint64_t timestamp) const;
 
+    // Off (the default): the text above, quirks and all. On: what InfluxDB stores
+    // unchanged, through the same walk: floats by "%.17g" (NaN and the infinities, which
+    // InfluxDB refuses, left out), unsigned 64-bit values above the signed range as
+    // floats, numeric arrays as one field per element, field keys and string values
+    // escaped, STRING counters as the text in their 8 bytes.
+    bool faithful = false;
+
     const std::vector<std::string>& measurementEscapes() const { return measurement_escapes; }
     const std::vector<std::string>& keyEscapes() const { return key_escapes; }
 
 private:
+    // renderScalar and renderCounterValue, or their faithful forms; "" leaves the field out.
+    std::string scalarText(uint32_t id, const uint8_t* value) const;
+    std::string counterText(const uint8_t* value, int32_t data_type) const;
+    std::string fieldKey(const std::string& name) const;
+
     std::vector<std::string> measurement_escapes;
     std::vector<std::string> key_escapes;
     // Set and never read: string field values go out unescaped.

@@ -66,11 +66,8 @@ void put_point(Run& run, const std::string& line, uint64_t nanoseconds) {
 }
 
 std::string tag_text(const Run& run, const obx::data::SerializerTags& tags) {
-    std::string text;
-    for (const auto& [key, value] : tags)
-        text += "," + InfluxSerializer::escape(key, run.serializer.keyEscapes()) + "=" +
-                InfluxSerializer::escape(value, run.serializer.keyEscapes());
-    return text;
+    const std::string text = run.serializer.serializeTags(tags);
+    return text.empty() ? text : "," + text;
 }
 
 // The first top-level field of type timestamp, or none.
@@ -154,6 +151,7 @@ bool put_counters(Run& run, obx_reader_context_t* context, const uint8_t* block,
     obx_counters_block_head_read(block, &head);
     for (const auto& measurement : run.serializer.buildMeasurements(run.tags, run.no_adapters, schema)) {
         std::string line = run.serializer.serializeMeasurement(measurement, block);
+        if (line.find("  ") != std::string::npos) continue;  // no field left: no point
         line.erase(line.rfind(' '));  // its own time is in milliseconds
         put_point(run, line, head.timestamp * 1000);
     }
@@ -229,6 +227,7 @@ int run_influx(int argc, char** argv) {
     };
     const obx_command_t* self = &obx_command_influx;
     Run run;
+    run.serializer.faithful = true;
     const char* schema_path = nullptr;
     const char* data_dir = nullptr;
     for (int code; (code = getopt_long(argc, argv, ":hs:d:p:", kOptions, nullptr)) != -1;) {
@@ -295,9 +294,11 @@ const obx_command_t obx_command_influx = {
     "\n"
     "Writes every record of the data files as a point of InfluxDB line protocol on\n"
     "standard output, ready for its /write endpoint:\n"
-    "  events        measurement = the event type's name, fields as obx_read -f influx\n"
-    "                writes them (a field named time as time_, since InfluxDB keeps\n"
-    "                no field of that name); time = the event's first field of type\n"
+    "  events        measurement = the event type's name, a field per value (floats\n"
+    "                in full by %.17g, NaN and infinities left out, numeric arrays as\n"
+    "                name.0, name.1, ..., text with its quotes and backslashes escaped;\n"
+    "                a field named time as time_, since InfluxDB keeps no field of that\n"
+    "                name); time = the event's first field of type\n"
     "                timestamp, else its block's time plus its place among the events\n"
     "                of that type and block time, in nanoseconds;\n"
     "  counters      node and CPU measurements of each counters block, at its time;\n"

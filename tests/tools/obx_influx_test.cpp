@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cmath>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -27,15 +28,16 @@ namespace {
 
 const ProcessOptions kHost{{"OBX_HOST_NAME=h"}, ""};
 
-}  // namespace
+Bytes faithful_record() { return ByteWriter().f64(0.1).f64(NAN).u64(~0ull).u8(1).u8(2).fixed("a\"b\\c", 8).i32(-3).take(); }
 
-// Events with a time of their own and without (block time, then one nanosecond per event
-// of the same type and time), counters measurements, CNTX samples with their labels, and
-// the precision asked for.
-TEST(ObxInflux, APointPerRecord) {
-    SchemaFolder schemas;
+// A file of three event types (one with a time of its own, one without, one with all
+// that the specified rendering would lose), a counters block and a CNTX block.
+void write_small_file(SchemaFolder& schemas, const std::string& path) {
     EventSchemaDoc events("influx");
     events.type("stamped", {{"time", "timestamp"}, {"v", "uint8_t"}}).type("plain", {{"v", "int16_t"}});
+    // What the specified rendering would lose: full floats, a NaN (left out), an unsigned
+    // value past the signed range, a numeric array, quotes and backslashes, a blank in a key.
+    events.type("faithful", {{"d", "double"}, {"n", "double"}, {"u", "uint64_t"}, {"a", "uint8_t", 2}, {"s", "char", 8}, {"x y", "int"}});
     CountersSchemaDoc counters;
     counters.group("NODE", 1, std::string("node")).counter("load", "FP64").counter("up", "UINT64");
     FileHeaderFields head;
@@ -44,10 +46,21 @@ TEST(ObxInflux, APointPerRecord) {
     head.counters_schema_id = SchemaFolder::hex(schemas.add(counters.json().get()));
     const uint64_t t = 1700000000000000ull;
     const Bytes stamped = event_block(0, 0, 2, ByteWriter().u64(t + 5).u8(1).u64(t + 9).u8(2).take(), t);
-    const Bytes plain = concat({event_block(0, 1, 2, ByteWriter().i16(-1).i16(2).take(), t), event_block(0, 1, 1, ByteWriter().i16(3).take(), t)});
-    TempDir data;
-    write_file(data.file("f.bin"), data_file(head, {concat({stamped, plain}), counters_block(t + 1000000, ByteWriter().f64(0.5).u64(7).take()),
+    const Bytes plain = concat({event_block(0, 1, 2, ByteWriter().i16(-1).i16(2).take(), t), event_block(0, 1, 1, ByteWriter().i16(3).take(), t),
+                                event_block(0, 2, 1, faithful_record(), t)});
+    write_file(path, data_file(head, {concat({stamped, plain}), counters_block(t + 1000000, ByteWriter().f64(0.5).u64(7).take()),
                                                  example_block()}));
+}
+
+}  // namespace
+
+// Events with a time of their own and without (block time, then one nanosecond per event
+// of the same type and time), counters measurements, CNTX samples with their labels, and
+// the precision asked for.
+TEST(ObxInflux, APointPerRecord) {
+    SchemaFolder schemas;
+    TempDir data;
+    write_small_file(schemas, data.file("f.bin"));
     const std::string tags = ",source_id=node01,source_tag=tag ";
     const std::string expected =
         "stamped" + tags + "time_=1700000000000005i,v=1i 1700000000000005000\n"
@@ -55,7 +68,8 @@ TEST(ObxInflux, APointPerRecord) {
         "plain" + tags + "v=-1i 1700000000000000000\n"
         "plain" + tags + "v=2i 1700000000000000001\n"
         "plain" + tags + "v=3i 1700000000000000002\n"
-        "node_counters" + tags + "load=0.500000,up=7i 1700000001000000000\n"
+        "faithful" + tags + "d=0.10000000000000001,u=1.8446744073709552e+19,a.0=1i,a.1=2i,s=\"a\\\"b\\\\c\",x\\ y=-3i 1700000000000000000\n"
+        "node_counters" + tags + "load=0.5,up=7i 1700000001000000000\n"
         "rx_bytes,device=hca0,port=1,site=lab,source_id=node01,source_tag=tag value=100i 1700000000000000000\n"
         "tx_bytes,device=hca0,port=1,site=lab,source_id=node01,source_tag=tag value=200i 1700000000000000000\n"
         "tx_bytes,device=hca0,port=p2,site=lab,source_id=node01,source_tag=tag value=250i 1700000001000000000\n";
@@ -173,4 +187,17 @@ TEST(ObxInflux, EveryRecordArrivesInARealInfluxDb) {
         {"SELECT first(uptime) FROM node_counters WHERE source_id = 'node_1'", "86401"},
     };
     for (const auto& c : counts) EXPECT_EQ(server.query(c.query), c.count) << c.query;
+
+    // Texts, keys and full floats come back as they went in.
+    SchemaFolder schemas;
+    write_small_file(schemas, dir.file("small.bin"));
+    const ProcessResult small = run_obx({"influx", "-s", schemas.path(), dir.file("small.bin")});
+    ASSERT_EQ(small.exit_status, 0) << small.err;
+    std::ofstream(dir.file("small.lp")) << small.out;
+    ASSERT_EQ(InfluxServer::curl({"-o", "/dev/null", "-w", "%{http_code}", "-X", "POST", server.url("/write?db=obx"),
+                                  "--data-binary", "@" + dir.file("small.lp")}).out, "204");
+    EXPECT_EQ(server.query("SELECT s FROM faithful"), "\"a\\\"b\\\\c\"");
+    EXPECT_EQ(server.query("SELECT \"x y\" FROM faithful"), "-3");
+    EXPECT_EQ(server.query("SELECT d FROM faithful"), "0.10000000000000001");  // the double 0.1, as printed here
+    EXPECT_EQ(server.query("SELECT count(v) FROM plain"), "3");
 }
