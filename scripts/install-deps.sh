@@ -5,7 +5,7 @@
 set -eu
 PACKAGES="build-essential cmake pkg-config zlib1g-dev libssl-dev libsnappy-dev \
 libboost-filesystem-dev libboost-date-time-dev libjansson-dev libisal-dev isal \
-libgtest-dev libgmock-dev libbenchmark-dev influxdb curl"
+libgtest-dev libgmock-dev libbenchmark-dev libcurl4-openssl-dev influxdb curl"
 if [ "${1:-}" = fuzz ]; then
     PACKAGES="$PACKAGES clang libclang-rt-dev"
 fi

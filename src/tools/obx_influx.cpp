@@ -25,6 +25,7 @@
 #include "data/writer/data_page.h"
 #include "metrics/cntx_parser.h"
 #include "serializers/influx_serializer.h"
+#include "tools/influx_http.h"
 #include "tools/obx_command.h"
 #include "tools/obx_commands.h"
 #include "utils/logger.h"
@@ -47,11 +48,19 @@ struct Run {
     std::map<const obx_type_definition_t*, std::pair<uint64_t, uint64_t>> sequence;
     obx_data_page_t* no_adapters = nullptr;  // counters of chunks carry no adapter records
     bool write_failed = false;
+    // With a server: batches of `batch` points go to it instead of standard output.
+    std::unique_ptr<InfluxHttpWriter> server;
+    uint64_t batch = 5000, pending = 0;
 };
 Run* g_run = nullptr;
 
 void flush(Run& run) {
-    if (!run.out.empty() && std::fwrite(run.out.data(), 1, run.out.size(), stdout) != run.out.size()) run.write_failed = true;
+    if (run.server) {
+        if (!run.server->post(run.out, run.pending)) run.write_failed = true;
+        run.pending = 0;
+    } else if (!run.out.empty() && std::fwrite(run.out.data(), 1, run.out.size(), stdout) != run.out.size()) {
+        run.write_failed = true;
+    }
     run.out.clear();
 }
 
@@ -62,7 +71,8 @@ void put_point(Run& run, const std::string& line, uint64_t nanoseconds) {
     run.out += std::to_string(nanoseconds / run.divisor);
     run.out += '\n';
     ++run.points;
-    if (run.out.size() >= kFlushAt) flush(run);
+    ++run.pending;
+    if (run.server ? run.pending >= run.batch : run.out.size() >= kFlushAt) flush(run);
 }
 
 std::string tag_text(const Run& run, const obx::data::SerializerTags& tags) {
@@ -198,7 +208,7 @@ bool put_metrics(Run& run, const uint8_t* data, size_t size) {
 
 bool on_buffer(obx_reader_context_t* context, const uint8_t* data, size_t size, bool) {
     Run& run = *g_run;
-    if (size < OBX_MAGIC_SIZE) return false;
+    if (run.write_failed || size < OBX_MAGIC_SIZE) return false;
     switch (obx_block_type_get(data)) {
         case OBX_COUNTERS_BLOCK: return put_counters(run, context, data, size);
         case OBX_EVENTS_BLOCK:
@@ -223,14 +233,24 @@ int run_influx(int argc, char** argv) {
         {"schema-path", required_argument, nullptr, 's'},
         {"data-path", required_argument, nullptr, 'd'},
         {"precision", required_argument, nullptr, 'p'},
+        {"url", required_argument, nullptr, 'u'},
+        {"db", required_argument, nullptr, 'D'},
+        {"user", required_argument, nullptr, 'U'},
+        {"password", required_argument, nullptr, 'P'},
+        {"rp", required_argument, nullptr, 'R'},
+        {"batch", required_argument, nullptr, 'b'},
+        {"retries", required_argument, nullptr, 'r'},
         {nullptr, 0, nullptr, 0},
     };
+    InfluxTarget target;
+    if (const char* password = std::getenv("OBX_INFLUX_PASSWORD")) target.password = password;
+    unsigned long long number = 0;
     const obx_command_t* self = &obx_command_influx;
     Run run;
     run.serializer.faithful = true;
     const char* schema_path = nullptr;
     const char* data_dir = nullptr;
-    for (int code; (code = getopt_long(argc, argv, ":hs:d:p:", kOptions, nullptr)) != -1;) {
+    for (int code; (code = getopt_long(argc, argv, ":hs:d:p:u:D:U:P:R:b:r:", kOptions, nullptr)) != -1;) {
         switch (code) {
             case 'h': return obx_command_print_help(self);
             case 's': schema_path = optarg; break;
@@ -238,11 +258,29 @@ int run_influx(int argc, char** argv) {
             case 'p':
                 if (!precision_divisor(optarg, &run.divisor))
                     return obx_command_usage_error(self, "--precision '%s' is not ns, us, ms or s", optarg);
+                target.precision = optarg;
+                break;
+            case 'u': target.url = optarg; break;
+            case 'D': target.database = optarg; break;
+            case 'U': target.user = optarg; break;
+            case 'P': target.password = optarg; break;
+            case 'R': target.retention_policy = optarg; break;
+            case 'b':
+                if (!obx_command_parse_u64(optarg, 1, 1000000, &number))
+                    return obx_command_usage_error(self, "--batch '%s' is not a number of points from 1 to 1000000", optarg);
+                run.batch = number;
+                break;
+            case 'r':
+                if (!obx_command_parse_u64(optarg, 0, 10, &number))
+                    return obx_command_usage_error(self, "--retries '%s' is not a number from 0 to 10", optarg);
+                target.retries = static_cast<unsigned>(number);
                 break;
             default: return obx_command_option_error(self, code, argv);
         }
     }
     if (optind >= argc && !data_dir) return obx_command_usage_error(self, "a data file or -d DIR is needed");
+    if (target.url.empty() != target.database.empty()) return obx_command_usage_error(self, "--url and --db go together");
+    if (!target.url.empty()) run.server.reset(new InfluxHttpWriter(target));
 
     obx_read_options_t options;
     std::memset(&options, 0, sizeof options);
@@ -261,7 +299,7 @@ int run_influx(int argc, char** argv) {
     g_run = &run;
     const obx_reader_buffer_handler_t previous = obx_reader_set_buffer_handler(on_buffer);
     size_t failed = 0;
-    for (size_t i = 0; i < options.data_files->count; ++i) {
+    for (size_t i = 0; i < options.data_files->count && !run.write_failed; ++i) {
         const char* path = options.data_files->strings[i];
         obx_data_file_header_t header;
         if (!obx_read_file_header(path, &options, &header)) {
@@ -275,8 +313,16 @@ int run_influx(int argc, char** argv) {
     }
     obx_reader_set_buffer_handler(previous);
     g_run = nullptr;
-    flush(run);
-    if (std::fflush(stdout) != 0 || run.write_failed) {
+    if (!run.write_failed) flush(run);
+    if (run.server) {
+        if (run.write_failed) {
+            std::fprintf(stderr, "obx influx: %s; %" PRIu64 " points were written before\n", run.server->error().c_str(),
+                         run.server->written());
+            return OBX_EXIT_FAILURE;
+        }
+        std::fprintf(stderr, "obx influx: %" PRIu64 " points written to %s, database %s\n", run.server->written(),
+                     target.url.c_str(), target.database.c_str());
+    } else if (std::fflush(stdout) != 0 || run.write_failed) {
         std::fprintf(stderr, "obx influx: standard output could not be written\n");
         return OBX_EXIT_FAILURE;
     }
@@ -290,7 +336,9 @@ int run_influx(int argc, char** argv) {
 const obx_command_t obx_command_influx = {
     "influx",
     "write data files as InfluxDB line protocol, a point per record",
-    "Usage: obx influx [-s DIR] [-d DIR] [--precision ns|us|ms|s] FILE...\n"
+    "Usage: obx influx [-s DIR] [-d DIR] [--precision ns|us|ms|s]\n"
+    "                  [--url URL --db NAME [--user U] [--password P] [--rp RP]\n"
+    "                   [--batch N] [--retries N]] FILE...\n"
     "\n"
     "Writes every record of the data files as a point of InfluxDB line protocol on\n"
     "standard output, ready for its /write endpoint:\n"
@@ -311,8 +359,23 @@ const obx_command_t obx_command_influx = {
     "  -s, --schema-path DIR   the schema folder, as obx_read takes it\n"
     "  -d, --data-path DIR     every file below DIR too\n"
     "  -p, --precision UNIT    ns (default), us, ms or s: the unit of the times written\n"
+    "  -u, --url URL           post to this InfluxDB (http://host:port) instead of\n"
+    "                          writing to standard output; needs --db\n"
+    "  -D, --db NAME           the database written to\n"
+    "  -U, --user U, -P, --password P\n"
+    "                          basic authentication (the password also from\n"
+    "                          OBX_INFLUX_PASSWORD)\n"
+    "  -R, --rp RP             the retention policy\n"
+    "  -b, --batch N           points per request (5000)\n"
+    "  -r, --retries N         retries of a request after a connection failure or a\n"
+    "                          server error, waiting 0.5 s, then twice as long each time\n"
+    "                          (4); a refusal (HTTP 4xx) is not retried\n"
     "  -h, --help              print this text\n"
     "\n"
-    "Exit status: 0, 1 when a file could not be read whole, 2 on a usage error.\n",
+    "With --url the count of points written goes to standard error; a failed write\n"
+    "says why, in the server's words where it gave any, and how many points went in.\n"
+    "\n"
+    "Exit status: 0, 1 when a file could not be read whole or a write failed, 2 on a\n"
+    "usage error.\n",
     run_influx,
 };

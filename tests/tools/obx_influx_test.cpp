@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <fstream>
@@ -140,8 +141,8 @@ public:
         return run_program("/usr/bin/curl", arguments);
     }
     // The one number of a query that gives one value.
-    std::string query(const std::string& q) const {
-        const ProcessResult r = curl({"-G", url("/query"), "--data-urlencode", "db=obx", "--data-urlencode", "q=" + q});
+    std::string query(const std::string& q, const std::string& db = "obx") const {
+        const ProcessResult r = curl({"-G", url("/query"), "--data-urlencode", "db=" + db, "--data-urlencode", "q=" + q});
         const JsonPtr answer = json_parse(r.out);
         const json_t* values = answer ? json_object_get(json_array_get(json_object_get(json_array_get(json_object_get(answer.get(), "results"), 0), "series"), 0), "values") : nullptr;
         return values ? json_text(json_array_get(json_array_get(values, 0), 1)) : "<" + r.out + r.err + ">";
@@ -200,4 +201,34 @@ TEST(ObxInflux, EveryRecordArrivesInARealInfluxDb) {
     EXPECT_EQ(server.query("SELECT \"x y\" FROM faithful"), "-3");
     EXPECT_EQ(server.query("SELECT d FROM faithful"), "0.10000000000000001");  // the double 0.1, as printed here
     EXPECT_EQ(server.query("SELECT count(v) FROM plain"), "3");
+
+    // The same gen folder posted by obx influx itself, in batches of 100.
+    ASSERT_EQ(InfluxServer::curl({"-X", "POST", server.url("/query"), "--data-urlencode", "q=CREATE DATABASE direct"}).exit_status, 0);
+    const ProcessResult posted = run_obx({"influx", "-s", dir.file("gen/schema"), "-d", dir.file("gen/data"), "--url", server.url(""),
+                                          "--db", "direct", "--batch", "100"});
+    const size_t points = static_cast<size_t>(std::count(lines.out.begin(), lines.out.end(), '\n'));
+    EXPECT_EQ(posted.exit_status, 0) << posted.err;
+    EXPECT_EQ(posted.err, "obx influx: " + std::to_string(points) + " points written to " + server.url("") + ", database direct\n");
+    EXPECT_EQ(posted.out, "");
+    for (const auto& c : counts) EXPECT_EQ(server.query(std::string(c.query), "direct"), c.count) << c.query;
+
+    // Refusals are not retried and say the server's words; a server that is not there is
+    // tried a bounded number of times. Each tells how many points went in first.
+    ASSERT_EQ(InfluxServer::curl({"-X", "POST", server.url("/query"), "--data-urlencode", "q=CREATE DATABASE conflict"}).exit_status, 0);
+    ASSERT_EQ(InfluxServer::curl({"-o", "/dev/null", "-w", "%{http_code}", "-X", "POST", server.url("/write?db=conflict"),
+                                  "--data-binary", "plain v=1.5 1700000000000000000"}).out, "204");  // v a float in that shard
+    const struct { std::vector<std::string> args; std::string err_start; } failures[] = {
+        {{"--url", server.url(""), "--db", "nosuch"}, "obx influx: InfluxDB refused the write (HTTP 404): database not found: \"nosuch\"; 0 points were written before\n"},
+        {{"--url", server.url(""), "--db", "conflict", "--batch", "1"}, "obx influx: InfluxDB refused the write (HTTP 400): partial write: field type conflict"},
+        {{"--url", "http://127.0.0.1:" + std::to_string(free_port()), "--db", "obx", "--retries", "1"},
+         "obx influx: the write to http://127.0.0.1:"},
+    };
+    for (const auto& f : failures) {
+        std::vector<std::string> args = {"influx", "-s", schemas.path(), dir.file("small.bin")};
+        args.insert(args.end(), f.args.begin(), f.args.end());
+        const ProcessResult r = run_obx(args);
+        EXPECT_EQ(r.exit_status, 1);
+        const std::string last = r.err.substr(r.err.rfind("obx influx: "));
+        EXPECT_EQ(last.substr(0, f.err_start.size()), f.err_start) << r.err;
+    }
 }
