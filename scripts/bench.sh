@@ -12,7 +12,8 @@
 #   OBX_BENCH_COUNTERS_MIB  uncompressed MiB of counter blocks (256)
 #   OBX_BENCH_MICRO         0 skips the micro-benchmarks
 # Targets, checked here: ndjson and influx within 3 times the time of gzip -dc of the
-# same file, json within 3.5 times, obx info within the time of gzip -dc, the binary
+# same file, json within 3.5 times, obx info within the time of gzip -dc, obx influx
+# within 1.5 times, the binary
 # re-export of the same events stored as chunks of gzip pages within 1.5 times, and a
 # peak resident size below 64 MiB; obx gen writes at least 300 MB/s of uncompressed data.
 set -eu
@@ -149,6 +150,9 @@ run_file "$events_file" "$events" ndjson json influx
 if [ -x "$build/obx" ]; then
     result=$(best_of "$build/obx" info -s "$schema" "$events_file")
     report "obx info" "${result% *}" "${result#* }" "$base" 1.0 "$events"
+    # Every event as a full point of line protocol: within 1.5 times gzip -dc.
+    result=$(best_of "$build/obx" influx -s "$schema" "$events_file")
+    report "obx influx" "${result% *}" "${result#* }" "$base" 1.5 "$events"
 fi
 # The same events as chunks of gzip pages, re-exported into a fresh folder each run.
 out_dir=$(mktemp -d)

@@ -80,12 +80,21 @@ TEST(ObxInflux, APointPerRecord) {
     const ProcessResult ms = run_obx({"influx", "--precision", "ms", "-s", schemas.path(), data.file("f.bin")});
     EXPECT_EQ(ms.out.substr(0, ms.out.find('\n')), "stamped" + tags + "time_=1700000000000005i,v=1i 1700000000000");
 
+    const ProcessResult unpaired = run_obx({"influx", "--url", "http://127.0.0.1:1", data.file("f.bin")});
+    EXPECT_EQ(unpaired.exit_status, 2);
+    EXPECT_EQ(unpaired.err, "obx influx: --url and --db go together\nTry 'obx influx --help'.\n");
     const ProcessResult bad = run_obx({"influx", "--precision", "h", data.file("f.bin")});
     EXPECT_EQ(bad.exit_status, 2);
     EXPECT_EQ(bad.err, "obx influx: --precision 'h' is not ns, us, ms or s\nTry 'obx influx --help'.\n");
     const ProcessResult missing = run_obx({"influx", "-s", schemas.path(), data.file("none.bin")});
     EXPECT_EQ(missing.exit_status, 1);
     EXPECT_EQ(missing.out, "");
+    // Without its schemas a file is told about, not walked.
+    TempDir empty;
+    const ProcessResult no_schemas = run_obx({"influx", "-s", empty.path(), data.file("f.bin")});
+    EXPECT_EQ(no_schemas.exit_status, 1);
+    EXPECT_EQ(no_schemas.out, "");
+    EXPECT_NE(no_schemas.err.find("Failed processing file " + data.file("f.bin") + ": Failed to load type system\n"), std::string::npos) << no_schemas.err;
 }
 
 namespace {
