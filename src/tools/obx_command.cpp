@@ -221,3 +221,15 @@ int obx_main(int argc, char** argv) {
     std::fflush(stdout);
     return status;
 }
+
+bool obx_command_reader_options(obx_read_options_t* options, int count, char* const* arguments, const char* data_dir,
+                                const char* schema_path) {
+    std::memset(options, 0, sizeof *options);
+    if (!obx_read_options_init(options)) return false;
+    if (!obx_command_collect_inputs(&options->data_files, count, arguments, data_dir)) return false;
+    char* folder = obx_command_schema_folder(schema_path, options->data_files);
+    std::free(options->schema_path);
+    options->schema_path = folder ? folder : strdup(schema_path ? schema_path : OBX_READ_SCHEMA_FOLDER);
+    options->format = OBX_OUTPUT_FORMAT_NDJSON;
+    return options->schema_path != nullptr;
+}

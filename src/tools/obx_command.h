@@ -73,3 +73,11 @@ bool obx_command_collect_inputs(obx_string_array_t** files, int count, char* con
 // The schema folder, found as obx_read finds it: `given` (or "schema") when it exists, else a
 // "schema" folder next to or above the first input. New text, or nullptr after a message.
 char* obx_command_schema_folder(const char* given, const obx_string_array_t* files);
+
+struct obx_read_options_t;
+// Reader options for a command that reads data files: defaults, the inputs of
+// obx_command_collect_inputs, the schema folder (the given one, or "schema", when none is
+// found: the files are still read and tell what is missing) and format ndjson. False after
+// a message on stderr; `options` is then to be released all the same.
+bool obx_command_reader_options(obx_read_options_t* options, int count, char* const* arguments, const char* data_dir,
+                                const char* schema_path);

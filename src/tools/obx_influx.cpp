@@ -283,14 +283,8 @@ int run_influx(int argc, char** argv) {
     if (!target.url.empty()) run.server.reset(new InfluxHttpWriter(target));
 
     obx_read_options_t options;
-    std::memset(&options, 0, sizeof options);
-    if (!obx_read_options_init(&options)) return OBX_EXIT_FAILURE;
     std::unique_ptr<obx_read_options_t, void (*)(obx_read_options_t*)> release(&options, obx_read_options_release);
-    if (!obx_command_collect_inputs(&options.data_files, argc - optind, argv + optind, data_dir)) return OBX_EXIT_FAILURE;
-    char* folder = obx_command_schema_folder(schema_path, options.data_files);
-    std::free(options.schema_path);
-    options.schema_path = folder ? folder : strdup(schema_path ? schema_path : OBX_READ_SCHEMA_FOLDER);
-    options.format = OBX_OUTPUT_FORMAT_NDJSON;
+    if (!obx_command_reader_options(&options, argc - optind, argv + optind, data_dir, schema_path)) return OBX_EXIT_FAILURE;
 
     std::unique_ptr<obx_data_page_t, void (*)(obx_data_page_t*)> no_adapters(
         static_cast<obx_data_page_t*>(std::calloc(1, sizeof(obx_data_page_t))), [](obx_data_page_t* page) { std::free(page); });

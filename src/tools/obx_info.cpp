@@ -581,15 +581,8 @@ int run_info(int argc, char** argv) {
     if (optind >= argc && !data_dir) return obx_command_usage_error(self, "a data file or -d DIR is needed");
 
     obx_read_options_t options;
-    std::memset(&options, 0, sizeof options);
-    if (!obx_read_options_init(&options)) return OBX_EXIT_FAILURE;
     std::unique_ptr<obx_read_options_t, void (*)(obx_read_options_t*)> release(&options, obx_read_options_release);
-    if (!obx_command_collect_inputs(&options.data_files, argc - optind, argv + optind, data_dir)) return OBX_EXIT_FAILURE;
-    char* folder = obx_command_schema_folder(schema_path, options.data_files);
-    // Without a schema folder the files are still read; their schemas show as missing.
-    std::free(options.schema_path);
-    options.schema_path = folder ? folder : strdup(schema_path ? schema_path : OBX_READ_SCHEMA_FOLDER);
-    options.format = OBX_OUTPUT_FORMAT_NDJSON;
+    if (!obx_command_reader_options(&options, argc - optind, argv + optind, data_dir, schema_path)) return OBX_EXIT_FAILURE;
 
     g_stderr_level = obx_log_enabled(OBX_LOG_ERROR) ? obx_log_current_level : OBX_READ_DEFAULT_VERBOSITY;
     obx_log_set_callback(log_sink, std::max<uint32_t>(g_stderr_level, OBX_LOG_WARNING));

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "fixtures/log_capture.h"
+#include "fixtures/memory_stream.h"
 #include "utils/logger.h"
 #include "utils/name_table.h"
 
@@ -131,13 +132,6 @@ TEST(Text, BoundedAndPrintableCopies) {
 TEST(Text, CounterColumns) {
     const struct { int width; long long value; const char* text; } cells[] = {
         {6, 999, "    999 |"}, {6, 1000, "    1 k |"}, {6, 123456, "  123 k |"}, {6, -5000, "  -5000 |"}, {2, 1234567, " 1234 k |"}};
-    for (const auto& c : cells) {
-        char* text = nullptr;
-        size_t size = 0;
-        FILE* stream = open_memstream(&text, &size);
-        obx_print_counter_value(stream, c.width, c.value);
-        std::fclose(stream);
-        EXPECT_EQ(std::string(text, size), c.text) << c.value;
-        std::free(text);
-    }
+    for (const auto& c : cells)
+        EXPECT_EQ(obx_test::written([&](FILE* stream) { obx_print_counter_value(stream, c.width, c.value); }), c.text) << c.value;
 }

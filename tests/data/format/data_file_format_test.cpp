@@ -9,18 +9,9 @@
 #include <cstring>
 #include <string>
 
-namespace {
+#include "fixtures/memory_stream.h"
 
-std::string printed(void (*printer)(FILE*)) {
-    char* text = nullptr;
-    size_t size = 0;
-    FILE* stream = open_memstream(&text, &size);
-    printer(stream);
-    std::fclose(stream);
-    std::string result(text, size);
-    std::free(text);
-    return result;
-}
+namespace {
 
 std::string row(const char* name, unsigned offset, unsigned size) {
     char line[80];
@@ -45,7 +36,7 @@ TEST(DataFileFormat, LayoutPrintersGiveTheTables) {
          head + row("header.magic", 0, 4) + row("padding", 4, 4) + row("timestamp", 8, 8) + " values[]                   16      \n"},
         {obx_blob_block_print_layout_to, head + row("header.magic", 0, 4) + row("timestamp", 4, 8) + row("data_size", 12, 8)},
     };
-    for (const auto& c : cases) EXPECT_EQ(printed(c.printer), c.text);
+    for (const auto& c : cases) EXPECT_EQ(obx_test::written(c.printer), c.text);
 }
 
 // Each type writes its magic and reads back as itself; CNTX is written "OBXX" (it reads
