@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdlib>
+#include <exception>
 #include <string>
 
 #include "data/schema/event_json.h"
@@ -13,6 +14,17 @@
 namespace obx_fuzz {
 
 inline std::string value_text(const obx_type_definition_t* type, const uint8_t* record, obx_event_text_form_t form) {
+    if (form == OBX_EVENT_TEXT_INFLUX_FAITHFUL) {
+        try {
+            obx::data::InfluxSerializer serializer;
+            serializer.faithful = true;
+            std::string result;
+            for (const std::string& field : serializer.serializeFields(type, record, "")) result += (result.empty() ? "" : ",") + field;
+            return result;
+        } catch (const std::exception&) {
+            return "<none>";
+        }
+    }
     if (form == OBX_EVENT_TEXT_INFLUX) {
         char* text = obx_influx_serialize_event(type, record);
         if (!text) return "<none>";
@@ -33,7 +45,8 @@ inline std::string value_text(const obx_type_definition_t* type, const uint8_t* 
 
 // `record` holds obx_type_definition_reach(type) bytes.
 inline bool paths_agree(obx_event_text_writer_t* writer, const obx_type_definition_t* type, const uint8_t* record) {
-    for (obx_event_text_form_t form : {OBX_EVENT_TEXT_JSON_PRETTY, OBX_EVENT_TEXT_JSON_PLAIN, OBX_EVENT_TEXT_INFLUX}) {
+    for (obx_event_text_form_t form :
+         {OBX_EVENT_TEXT_JSON_PRETTY, OBX_EVENT_TEXT_JSON_PLAIN, OBX_EVENT_TEXT_INFLUX, OBX_EVENT_TEXT_INFLUX_FAITHFUL}) {
         const std::string expected = value_text(type, record, form);
         obx_event_text_writer_clear(writer);
         const bool ok = obx_event_text_writer_append_event(writer, form, type, record);

@@ -87,6 +87,7 @@ struct obx_event_text_writer_t {
     bool plans_escape_slashes = true;  // slash setting the keys were escaped with
     std::string influx_prefix;
     bool influx_first = true;
+    bool influx_faithful = false;
 
     const EventPlan* plan_of(const obx_type_definition_t* type, int depth);
     void forget();
@@ -100,6 +101,8 @@ struct obx_event_text_writer_t {
     bool influx_fields(const EventPlan& plan, const uint8_t* record);
     void influx_name(const FieldPlan& field);
     bool influx_number(uint32_t id, const uint8_t* data);
+    void influx_key(const char* text, size_t length);
+    bool influx_faithful_number(const FieldPlan& field, const uint8_t* data, uint32_t index);
 };
 
 void obx_event_text_writer_t::forget()
@@ -319,6 +322,19 @@ bool obx_event_text_writer_t::json_object(const EventPlan& plan, const uint8_t* 
     return true;
 }
 
+// A piece of a field key: as it is, or with blanks, commas and equals signs escaped.
+void obx_event_text_writer_t::influx_key(const char* text, size_t length)
+{
+    if (!influx_faithful) {
+        buffer.write(text, length);
+        return;
+    }
+    for (size_t i = 0; i < length; ++i) {
+        if (text[i] == ' ' || text[i] == ',' || text[i] == '=') buffer.put('\\');
+        buffer.put(text[i]);
+    }
+}
+
 void obx_event_text_writer_t::influx_name(const FieldPlan& field)
 {
     if (influx_first)
@@ -326,11 +342,54 @@ void obx_event_text_writer_t::influx_name(const FieldPlan& field)
     else
         buffer.put(',');
     if (!influx_prefix.empty()) {
-        buffer.write(influx_prefix.data(), influx_prefix.size());
+        influx_key(influx_prefix.data(), influx_prefix.size());
         buffer.put('.');
+    } else if (influx_faithful && field.name_length == 4 && std::memcmp(field.name, "time", 4) == 0) {
+        buffer.write("time_", 5);  // InfluxDB keeps no field named time
+        buffer.put('=');
+        return;
     }
-    buffer.write(field.name, field.name_length);
+    influx_key(field.name, field.name_length);
     buffer.put('=');
+}
+
+// One value as InfluxDB keeps it: full floats (a NaN or an infinity leaves the field out),
+// unsigned values past the signed range as floats; `index` names an array element.
+bool obx_event_text_writer_t::influx_faithful_number(const FieldPlan& field, const uint8_t* data, uint32_t index)
+{
+    double real = 0;
+    bool as_real = false;
+    switch (field.id) {
+    case OBX_TYPE_FLOAT: real = static_cast<double>(obx_le_f32(data)), as_real = true; break;
+    case OBX_TYPE_DOUBLE: real = obx_le_f64(data), as_real = true; break;
+    case OBX_TYPE_UNSIGNED_LONG:
+    case OBX_TYPE_UNSIGNED_LONG_LONG:
+    case OBX_TYPE_UINT64:
+    case OBX_TYPE_TIMESTAMP:
+        if (obx_le_u64(data) > static_cast<uint64_t>(INT64_MAX)) real = static_cast<double>(obx_le_u64(data)), as_real = true;
+        break;
+    default: break;
+    }
+    if (as_real && !std::isfinite(real)) return true;
+    if (index == UINT32_MAX) {
+        influx_name(field);
+    } else {
+        // Elements: the enclosing name, the array's name with no dot between, a dot, the index.
+        if (influx_first)
+            influx_first = false;
+        else
+            buffer.put(',');
+        influx_key(influx_prefix.data(), influx_prefix.size());
+        influx_key(field.name, field.name_length);
+        char text[OBX_NUMBER_TEXT_MAX];
+        buffer.put('.');
+        buffer.write(text, obx_format_u64(text, index));
+        buffer.put('=');
+    }
+    if (!as_real) return influx_number(field.id, data);
+    char* p = buffer.room(kNumberRoom);
+    buffer.commit(p + obx_format_g17(p, real));
+    return true;
 }
 
 bool obx_event_text_writer_t::influx_number(uint32_t id, const uint8_t* data)
@@ -380,6 +439,10 @@ bool obx_event_text_writer_t::influx_fields(const EventPlan& plan, const uint8_t
         const uint8_t* data = record + field.offset;
         switch (field.influx) {
         case InfluxKind::Number:
+            if (influx_faithful) {
+                if (!influx_faithful_number(field, data, UINT32_MAX)) return false;
+                break;
+            }
             influx_name(field);
             if (!influx_number(field.id, data)) return false;
             break;
@@ -388,7 +451,14 @@ bool obx_event_text_writer_t::influx_fields(const EventPlan& plan, const uint8_t
             const size_t used = printable_length(data, field.count, &high_bits);
             influx_name(field);
             buffer.put('"');
-            buffer.write(reinterpret_cast<const char*>(data), used);  // not escaped
+            if (influx_faithful) {
+                for (size_t i = 0; i < used; ++i) {
+                    if (data[i] == '\\' || data[i] == '"') buffer.put('\\');
+                    buffer.put(static_cast<char>(data[i]));
+                }
+            } else {
+                buffer.write(reinterpret_cast<const char*>(data), used);  // not escaped
+            }
             buffer.put('"');
             break;
         }
@@ -418,7 +488,12 @@ bool obx_event_text_writer_t::influx_fields(const EventPlan& plan, const uint8_t
             if (!ok) return false;
             break;
         }
-        case InfluxKind::Nothing: break;
+        case InfluxKind::Nothing:
+            // Arrays of numbers give a field per element only in the faithful form.
+            if (influx_faithful && is_built_in(field.id))
+                for (uint32_t i = 0; i < field.count; ++i)
+                    if (!influx_faithful_number(field, data + i * field.step, i)) return false;
+            break;
         case InfluxKind::Broken: return false;
         }
     }
@@ -488,8 +563,10 @@ bool obx_event_text_writer_append_event(obx_event_text_writer_t* writer, obx_eve
         case OBX_EVENT_TEXT_JSON_PRETTY: ok = writer->json_object(*plan, record, true, 0); break;
         case OBX_EVENT_TEXT_JSON_PLAIN: ok = writer->json_object(*plan, record, false, 0); break;
         case OBX_EVENT_TEXT_INFLUX:
+        case OBX_EVENT_TEXT_INFLUX_FAITHFUL:
             writer->influx_prefix.clear();
             writer->influx_first = true;
+            writer->influx_faithful = form == OBX_EVENT_TEXT_INFLUX_FAITHFUL;
             ok = writer->influx_fields(*plan, record);
             break;
         default: ok = false; break;

@@ -15,6 +15,7 @@ enum obx_event_text_form_t : uint32_t {
     OBX_EVENT_TEXT_JSON_PRETTY = 0,  // obx_json_serialize_to_string_pretty of the event's value
     OBX_EVENT_TEXT_JSON_PLAIN = 1,   // obx_json_serialize_to_string of it
     OBX_EVENT_TEXT_INFLUX = 2,       // obx_influx_serialize_event
+    OBX_EVENT_TEXT_INFLUX_FAITHFUL = 3,  // the field set of obx::data::InfluxSerializer with `faithful` on
 };
 
 struct obx_event_text_writer_t;

@@ -402,7 +402,9 @@ std::string InfluxSerializer::counterText(const uint8_t* value, int32_t data_typ
 
 std::string InfluxSerializer::fieldKey(const std::string& name) const
 {
-    return faithful ? escape(name, {" ", ",", "="}) : name;
+    if (!faithful) return name;
+    if (name == "time") return "time_";  // InfluxDB keeps no field named time
+    return escape(name, {" ", ",", "="});
 }
 
 std::vector<std::string> InfluxSerializer::serializeFields(const obx_type_definition_t* type, const uint8_t* record,

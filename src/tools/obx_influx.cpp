@@ -24,6 +24,7 @@
 #include "data/schema/type_system.h"
 #include "data/writer/data_page.h"
 #include "metrics/cntx_parser.h"
+#include "serializers/event_text_writer.h"
 #include "serializers/influx_serializer.h"
 #include "tools/influx_http.h"
 #include "tools/obx_command.h"
@@ -43,14 +44,15 @@ struct Run {
     uint64_t points = 0, skipped = 0;
     std::string out;
     obx::data::SerializerTags tags;  // source of the file being read
-    // Events without a time of their own: the block time and a count of the events of
-    // that type at that time so far.
-    std::map<const obx_type_definition_t*, std::pair<uint64_t, uint64_t>> sequence;
+    // Events without a time of their own, by schema and type index (types are made anew
+    // with each schemas block): the block time and a count of the events at that time so far.
+    std::map<uint32_t, std::pair<uint64_t, uint64_t>> sequence;
     obx_data_page_t* no_adapters = nullptr;  // counters of chunks carry no adapter records
     bool write_failed = false;
     // With a server: batches of `batch` points go to it instead of standard output.
     std::unique_ptr<InfluxHttpWriter> server;
     uint64_t batch = 5000, pending = 0;
+    obx_event_text_writer_t* writer = nullptr;  // events' field sets, written straight from their records
 };
 Run* g_run = nullptr;
 
@@ -64,9 +66,9 @@ void flush(Run& run) {
     run.out.clear();
 }
 
-// `line` is measurement, tags and fields; the time goes behind it.
-void put_point(Run& run, const std::string& line, uint64_t nanoseconds) {
-    run.out += line;
+// The point's measurement, tags and fields stand at the end of run.out; the time goes
+// behind them.
+void put_point(Run& run, uint64_t nanoseconds) {
     run.out += ' ';
     run.out += std::to_string(nanoseconds / run.divisor);
     run.out += '\n';
@@ -89,9 +91,9 @@ const obx_type_field_definition_t* own_time_field(const obx_type_definition_t* t
     return nullptr;
 }
 
-uint64_t event_time(Run& run, const obx_type_definition_t* type, const uint8_t* record, uint64_t block_time) {
+uint64_t event_time(Run& run, const obx_type_definition_t* type, uint32_t type_key, const uint8_t* record, uint64_t block_time) {
     if (const obx_type_field_definition_t* field = own_time_field(type)) return obx_le_u64(record + field->offset) * 1000;
-    auto& [time, count] = run.sequence[type];
+    auto& [time, count] = run.sequence[type_key];
     if (time != block_time) time = block_time, count = 0;
     return block_time * 1000 + count++;
 }
@@ -105,6 +107,7 @@ bool put_events(Run& run, obx_reader_context_t* context, const uint8_t* data, si
         const uint32_t type = obx_block_type_get(block);
         size_t consumed = 0;
         if (type == OBX_SCHEMAS_BLOCK) {
+            obx_event_text_writer_forget_types(run.writer);  // the types it planned for go
             consumed = obx_reader_load_schemas_block(context, block, remaining);
         } else if (type == OBX_EVENTS_BLOCK && remaining >= OBX_EVENT_BLOCK_HEAD_SIZE) {
             obx_event_block_head_t head;
@@ -127,19 +130,20 @@ bool put_events(Run& run, obx_reader_context_t* context, const uint8_t* data, si
                     OBX_LOG_ERR("Event of type '%s' at offset %zu reads past its buffer", event_type->name, offset + consumed);
                     return false;
                 }
-                const std::vector<std::string> fields = run.serializer.serializeFields(event_type, record, "");
                 consumed += event_type->size;
-                if (fields.empty()) {
+                obx_event_text_writer_clear(run.writer);
+                if (!obx_event_text_writer_append_event(run.writer, OBX_EVENT_TEXT_INFLUX_FAITHFUL, event_type, record)) {
+                    OBX_LOG_ERR("Event of type '%s' at offset %zu could not be written", event_type->name, offset + consumed);
+                    return false;
+                }
+                const size_t length = obx_event_text_writer_size(run.writer);
+                if (length == 0) {
                     ++run.skipped;  // a point needs a field
                     continue;
                 }
-                std::string line = measurement;
-                for (size_t f = 0; f < fields.size(); ++f) {
-                    line += f ? "," : "";
-                    // InfluxDB keeps no field named time: it would be dropped without a word.
-                    line += fields[f].compare(0, 5, "time=") == 0 ? "time_" + fields[f].substr(4) : fields[f];
-                }
-                put_point(run, line, event_time(run, event_type, record, head.timestamp));
+                run.out += measurement;
+                run.out.append(obx_event_text_writer_data(run.writer), length);
+                put_point(run, event_time(run, event_type, (uint32_t{head.schema_index} << 16) | (head.type_index & 0xFF), record, head.timestamp));
             }
             if (event_type->size == 0) break;  // nothing to step by
         } else {
@@ -163,7 +167,8 @@ bool put_counters(Run& run, obx_reader_context_t* context, const uint8_t* block,
         std::string line = run.serializer.serializeMeasurement(measurement, block);
         if (line.find("  ") != std::string::npos) continue;  // no field left: no point
         line.erase(line.rfind(' '));  // its own time is in milliseconds
-        put_point(run, line, head.timestamp * 1000);
+        run.out += line;
+        put_point(run, head.timestamp * 1000);
     }
     return true;
 }
@@ -195,8 +200,8 @@ bool put_metrics(Run& run, const uint8_t* data, size_t size) {
                 if (id >= metric_names.size()) throw std::runtime_error("metric id " + std::to_string(id) + " has no name");
                 // InfluxDB 1.x integers are signed: larger values go as floats.
                 const std::string field = value <= INT64_MAX ? std::to_string(value) + "i" : std::to_string(value);
-                put_point(run, InfluxSerializer::escape(metric_names[id], run.serializer.measurementEscapes()) + tag_part + " value=" + field,
-                          record.timestamp * 1000);
+                run.out += InfluxSerializer::escape(metric_names[id], run.serializer.measurementEscapes()) + tag_part + " value=" + field;
+                put_point(run, record.timestamp * 1000);
             }
         }
     } catch (const std::exception& failure) {
@@ -290,6 +295,10 @@ int run_influx(int argc, char** argv) {
         static_cast<obx_data_page_t*>(std::calloc(1, sizeof(obx_data_page_t))), [](obx_data_page_t* page) { std::free(page); });
     if (!no_adapters) return OBX_EXIT_FAILURE;
     run.no_adapters = no_adapters.get();
+    std::unique_ptr<obx_event_text_writer_t, void (*)(obx_event_text_writer_t*)> writer(obx_event_text_writer_create(),
+                                                                                       obx_event_text_writer_destroy);
+    if (!writer) return OBX_EXIT_FAILURE;
+    run.writer = writer.get();
     g_run = &run;
     const obx_reader_buffer_handler_t previous = obx_reader_set_buffer_handler(on_buffer);
     size_t failed = 0;
@@ -303,7 +312,9 @@ int run_influx(int argc, char** argv) {
         run.tags = {{"source_id", std::string(header.source_id, strnlen(header.source_id, sizeof header.source_id))},
                     {"source_tag", std::string(header.source_tag, strnlen(header.source_tag, sizeof header.source_tag))}};
         run.sequence.clear();
+        obx_event_text_writer_forget_types(run.writer);  // each file has a type system of its own
         if (!obx_reader_process_file(path, &options, true)) ++failed;
+        obx_event_text_writer_forget_types(run.writer);
     }
     obx_reader_set_buffer_handler(previous);
     g_run = nullptr;

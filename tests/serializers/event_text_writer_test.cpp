@@ -189,3 +189,28 @@ TEST(EventTexts, InfluxEscapesByPlaceInTheLine)
     const uint8_t record[1] = {4};
     EXPECT_EQ(serializer.serializeEventLine({{"k=1", "a=b c"}}, type, record, 1999), "a\\=b\\ c\\,d,k=1=a=b\\ c v=4i 1");
 }
+
+// The faithful Influx form, for what InfluxDB must keep as it is: full floats, no NaN,
+// unsigned values past the signed range as floats, arrays of numbers a field per element
+// (no dot between the enclosing name and the array's), escaped text and keys, and a
+// top-level field named time as time_.
+TEST(EventTexts, InfluxFaithfulForm)
+{
+    Types types;
+    types.add({{"time", "timestamp"}, {"x", "double"}}, "inner");
+    const obx_type_definition_t* type = types.add({{"time", "timestamp"}, {"d", "double"}, {"n", "float"}, {"u", "uint64_t"},
+                                                   {"a", "uint8_t", 2}, {"s", "char", 8}, {"k y", "int"}, {"o", "inner"}});
+    const Bytes record = ByteWriter().u64(7).f64(0.1).f32(NAN).u64(~0ull).u8(1).u8(255).fixed("a\"b\\c", 8).i32(-3)
+                             .u64(8).f64(-1e300).take();
+    obx_event_text_writer_clear(types.writer);
+    ASSERT_TRUE(obx_event_text_writer_append_event(types.writer, OBX_EVENT_TEXT_INFLUX_FAITHFUL, type, record.data()));
+    EXPECT_EQ(std::string(obx_event_text_writer_data(types.writer), obx_event_text_writer_size(types.writer)),
+              "time_=7i,d=0.10000000000000001,u=1.8446744073709552e+19,a.0=1i,a.1=255i,s=\"a\\\"b\\\\c\",k\\ y=-3i,"
+              "o.time=8i,o.x=-1.0000000000000001e+300");
+    // The value path with the switch on gives the same text.
+    obx::data::InfluxSerializer faithful;
+    faithful.faithful = true;
+    std::string joined;
+    for (const std::string& field : faithful.serializeFields(type, record.data(), "")) joined += (joined.empty() ? "" : ",") + field;
+    EXPECT_EQ(joined, std::string(obx_event_text_writer_data(types.writer), obx_event_text_writer_size(types.writer)));
+}
