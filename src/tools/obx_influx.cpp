@@ -107,8 +107,9 @@ bool put_events(Run& run, obx_reader_context_t* context, const uint8_t* data, si
         const uint32_t type = obx_block_type_get(block);
         size_t consumed = 0;
         if (type == OBX_SCHEMAS_BLOCK) {
-            obx_event_text_writer_forget_types(run.writer);  // the types it planned for go
-            consumed = obx_reader_load_schemas_block(context, block, remaining);
+            bool reloaded = false;
+            consumed = obx_reader_load_schemas_block_if_new(context, block, remaining, &reloaded);
+            if (reloaded) obx_event_text_writer_forget_types(run.writer);  // the types it planned for are gone
         } else if (type == OBX_EVENTS_BLOCK && remaining >= OBX_EVENT_BLOCK_HEAD_SIZE) {
             obx_event_block_head_t head;
             obx_event_block_head_read(block, &head);

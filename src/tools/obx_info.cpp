@@ -132,7 +132,7 @@ void count_event_blocks(FileInfo& info, obx_reader_context_t* context, const uin
         size_t consumed = 0;
         if (type == OBX_SCHEMAS_BLOCK) {
             ++info.blocks[kSchemas];
-            consumed = obx_reader_load_schemas_block(context, block, remaining);
+            consumed = obx_reader_load_schemas_block_if_new(context, block, remaining, nullptr);
             if (consumed == 0) info.problems.add("a schemas block at offset " + std::to_string(offset) + " could not be loaded");
         } else if (type == OBX_EVENTS_BLOCK) {
             ++info.blocks[kEvents];

@@ -172,6 +172,31 @@ size_t obx_reader_load_schemas_block(obx_reader_context_t* context, const uint8_
     return load_schemas_block(context, block, size);
 }
 
+size_t obx_reader_load_schemas_block_if_new(obx_reader_context_t* context, const uint8_t* block, size_t size,
+                                            bool* reloaded)
+{
+    if (reloaded) *reloaded = false;
+    if (!context || !block) return 0;
+    if (context->block_schema_ids_valid && size >= OBX_SCHEMAS_BLOCK_MIN_REMAINING) {
+        obx_schemas_block_head_t head;
+        obx_schemas_block_head_read(block, &head);
+        if (head.block_size <= size && head.id_count == context->block_schema_id_count &&
+            head.id_count <= OBX_SCHEMAS_BLOCK_MAX_IDS &&
+            std::memcmp(block + OBX_SCHEMAS_BLOCK_IDS, context->block_schema_ids, head.id_count * OBX_SCHEMA_ID_SIZE) == 0)
+            return head.block_size;
+    }
+    const size_t consumed = load_schemas_block(context, block, size);
+    if (reloaded) *reloaded = true;
+    if (consumed > 0) {
+        obx_schemas_block_head_t head;
+        obx_schemas_block_head_read(block, &head);
+        context->block_schema_id_count = head.id_count;
+        std::memcpy(context->block_schema_ids, block + OBX_SCHEMAS_BLOCK_IDS, head.id_count * OBX_SCHEMA_ID_SIZE);
+        context->block_schema_ids_valid = true;
+    }
+    return consumed;
+}
+
 bool obx_reader_walk_event_blocks(obx_reader_context_t* context, const uint8_t* data, size_t size)
 {
     if (!data || size < 5) return true;

@@ -35,3 +35,11 @@ bool obx_reader_type_selected(const obx_reader_context_t* context, const obx_typ
 // Replaces the type system by the schemas a schemas block lists. Returns the block's own
 // size, 0 when the block is bad or a schema fails to load.
 size_t obx_reader_load_schemas_block(obx_reader_context_t* context, const uint8_t* block, size_t size);
+
+// As obx_reader_load_schemas_block, but a block that names the same schemas as the
+// schemas block that made the current type system leaves it as it is; `reloaded` tells
+// which happened. For the companion tools, which meet one such block in every buffer;
+// obx_read itself loads each block.
+size_t obx_reader_load_schemas_block_if_new(obx_reader_context_t* context, const uint8_t* block, size_t size,
+                                            bool* reloaded);
+

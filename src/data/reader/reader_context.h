@@ -34,6 +34,11 @@ struct obx_reader_context_t {
     obx_data_page_t* export_page;     // format bin only: the page reused for each buffer, owned
     obx_event_text_writer_t* event_writer;        // text of events, owned; made on the first event
     obx_counters_text_writer_t* counters_writer;  // text of counter blocks, owned; made on the first
+    // The ids of the schemas block that made the current type system, if one did: a block
+    // naming the same ids again need not load them again (obx_reader_load_schemas_block_if_new).
+    uint8_t block_schema_ids[OBX_SCHEMAS_BLOCK_MAX_IDS][OBX_SCHEMA_ID_SIZE];
+    uint16_t block_schema_id_count;
+    bool block_schema_ids_valid;
 };
 
 // Smallest and first refused chunk size of a file body.

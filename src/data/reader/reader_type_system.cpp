@@ -27,6 +27,7 @@ bool obx_reader_load_type_system(obx_reader_context_t* context, const uint8_t (*
 {
     if (!context)
         return false;
+    context->block_schema_ids_valid = false;
     // The text writers' plans point into the schemas about to go.
     obx_event_text_writer_forget_types(context->event_writer);
     obx_counters_text_writer_forget_schemas(context->counters_writer);

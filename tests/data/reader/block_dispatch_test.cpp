@@ -190,3 +190,32 @@ TEST_F(DispatchTest, AMissingCountersSchemaFailsAndLeavesNone) {
 }
 
 }  // namespace
+
+// The tools' schemas block loader keeps the type system while blocks name the same ids;
+// other ids, or a load by any other way in between, make it load again.
+TEST_F(DispatchTest, SchemasBlockLoadedOnlyWhenItsIdsChange)
+{
+    const auto block = [&](std::vector<SchemaId> ids) {
+        SchemasBlockFields fields;
+        for (const SchemaId& id : ids) fields.ids.push_back(SchemaFolder::hex(id));
+        return schemas_block(fields);
+    };
+    const struct { Bytes block; bool reload_first; size_t consumed; bool reloaded; } steps[] = {
+        {block({all_}), false, 256, true},          // after the header's load: loaded
+        {block({all_}), false, 256, false},         // the same ids: kept
+        {block({all_, other_}), false, 256, true},  // more ids
+        {block({all_, other_}), true, 256, true},   // a load in between forgets what a block loaded
+        {block({other_}), false, 256, true},
+        {schemas_block({{}, 0, 0, 256}), false, 0, true},  // size 0: a failure, as loading it is
+    };
+    for (const auto& s : steps) {
+        if (s.reload_first) load_all();
+        const obx_type_system_t* before = context_->type_system;
+        bool reloaded = !s.reloaded;
+        EXPECT_EQ(obx_reader_load_schemas_block_if_new(context_, s.block.data(), s.block.size(), &reloaded), s.consumed);
+        EXPECT_EQ(reloaded, s.reloaded);
+        if (!s.reloaded) {
+            EXPECT_EQ(context_->type_system, before);
+        }
+    }
+}
