@@ -2,9 +2,16 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
 #include <regex>
+#include <string>
+#include <vector>
 
 #include "fixtures/log_capture.h"
+#include "fixtures/schema_builder.h"
+#include "fixtures/temp_dir.h"
 
 using namespace obx_test;
 
@@ -66,4 +73,87 @@ TEST(Logger, LevelFromTheEnvironment) {
     }
     unsetenv("OBX_API_LOG_LEVEL");
     unsetenv("API_LOG_LEVEL");
+}
+
+// The file sink writes whole lines and falls back to stderr when the file cannot be made;
+// closing always ends on stderr.
+TEST(Logger, FileSinkAndClose) {
+    LogCapture restore;
+    TempDir dir;
+    const std::string path = dir.file("log.txt");
+    ASSERT_TRUE(obx_init_file_logger(path.c_str(), OBX_LOG_WARNING));
+    OBX_LOG_WARN("to the file %d", 1);
+    OBX_LOG_INF("dropped");
+    obx_close_logger();
+    EXPECT_EQ(without_times(read_file_bytes(path)), "[warning] to the file 1\n");
+    testing::internal::CaptureStderr();
+    OBX_LOG_ERR("after close");
+    EXPECT_FALSE(obx_init_file_logger(dir.file("no/such/folder/log.txt").c_str(), OBX_LOG_ERROR));
+    OBX_LOG_ERR("on stderr again");
+    EXPECT_EQ(without_times(testing::internal::GetCapturedStderr()), "[error] after close\n[error] on stderr again\n");
+}
+
+namespace {
+
+std::vector<std::string> g_called;
+void remember(uint32_t level, const char* format, ...) {
+    char text[128];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    g_called.push_back(std::to_string(level) + " " + text);
+}
+
+}  // namespace
+
+// A callback takes every message up to its level; the state goes out and comes back, and a
+// taken-over state (registered) refuses to be started again or closed, for good: each case
+// runs in a process of its own.
+TEST(Logger, CallbackStateExchangeAndRegistration) {
+    const auto exchanged = [] {
+        obx_log_set_callback(remember, OBX_LOG_INFO);
+        OBX_LOG_INF("a %s", "b");
+        OBX_LOG_DBG("dropped");
+        obx_logger_state_t* state = obx_logger_state_export();
+        const bool exported = state && state->sink == 3 && state->callback == remember && state->level == OBX_LOG_INFO && !state->stream;
+        const bool same = obx_logger_state_import(state) && obx_init_stderr_logger(OBX_LOG_ERROR);  // identical: not registered
+        std::free(state);
+        const std::vector<std::string> expected = {"6 a b"};
+        std::exit(g_called == expected && exported && same && !obx_logger_state_import(nullptr) ? 0 : 1);
+    };
+    const auto taken_over = [] {
+        obx_init_stderr_logger(OBX_LOG_ERROR);
+        obx_logger_state_t other = {3, nullptr, remember, OBX_LOG_DEBUG, nullptr};
+        const bool taken = obx_logger_state_import(&other);
+        OBX_LOG_DBG("through %s", "the callback");
+        const bool refused = !obx_init_stderr_logger(OBX_LOG_ERROR) && !obx_init_file_logger("/tmp/x", OBX_LOG_ERROR);
+        obx_close_logger();  // skipped: still the callback
+        OBX_LOG_ERR("still");
+        const std::vector<std::string> expected = {
+            "7 through the callback", "7 [logger] [obx_init_stderr_logger] registered logger cannot initialize logger",
+            "7 [logger] [obx_init_file_logger] registered logger cannot initialize logger",
+            "7 [logger] [obx_close_logger] tried closing a registered logger, skipping closure", "3 still"};
+        std::exit(taken && refused && g_called == expected ? 0 : 1);
+    };
+    EXPECT_EXIT(exchanged(), testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(taken_over(), testing::ExitedWithCode(0), "");
+}
+
+// Thread safety is on unless OBX_LOG_THREAD_SAFE (or LOG_THREAD_SAFE) starts with something
+// other than 1, t or y; an empty value keeps it on.
+TEST(Logger, ThreadSafetySwitch) {
+    const struct { const char* value; bool mutex; } rows[] = {{nullptr, true}, {"", true}, {"Yes", true}, {"1", true}, {"no", false}, {"0", false}};
+    // A mutex once made stays: each row starts a process anew, not a copy of this one.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    for (const auto& row : rows) {
+        const auto mutex_as_set = [&row] {
+            row.value ? setenv("OBX_LOG_THREAD_SAFE", row.value, 1) : unsetenv("OBX_LOG_THREAD_SAFE");
+            unsetenv("LOG_THREAD_SAFE");
+            obx_init_stderr_logger(OBX_LOG_ERROR);
+            std::exit(obx_logger_has_mutex() == row.mutex ? 0 : 1);
+        };
+        EXPECT_EXIT(mutex_as_set(), testing::ExitedWithCode(0), "") << (row.value ? row.value : "<unset>");
+    }
+    GTEST_FLAG_SET(death_test_style, "fast");
 }
