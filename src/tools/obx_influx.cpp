@@ -30,6 +30,7 @@
 #include "tools/obx_command.h"
 #include "tools/obx_commands.h"
 #include "utils/logger.h"
+#include "utils/number_format.h"
 
 namespace {
 
@@ -70,7 +71,8 @@ void flush(Run& run) {
 // behind them.
 void put_point(Run& run, uint64_t nanoseconds) {
     run.out += ' ';
-    run.out += std::to_string(nanoseconds / run.divisor);
+    char digits[OBX_NUMBER_TEXT_MAX];
+    run.out.append(digits, obx_format_u64(digits, nanoseconds / run.divisor));
     run.out += '\n';
     ++run.points;
     ++run.pending;
@@ -91,8 +93,9 @@ const obx_type_field_definition_t* own_time_field(const obx_type_definition_t* t
     return nullptr;
 }
 
-uint64_t event_time(Run& run, const obx_type_definition_t* type, uint32_t type_key, const uint8_t* record, uint64_t block_time) {
-    if (const obx_type_field_definition_t* field = own_time_field(type)) return obx_le_u64(record + field->offset) * 1000;
+uint64_t event_time(Run& run, const obx_type_field_definition_t* own_time, uint32_t type_key, const uint8_t* record,
+                    uint64_t block_time) {
+    if (own_time) return obx_le_u64(record + own_time->offset) * 1000;
     auto& [time, count] = run.sequence[type_key];
     if (time != block_time) time = block_time, count = 0;
     return block_time * 1000 + count++;
@@ -124,6 +127,8 @@ bool put_events(Run& run, obx_reader_context_t* context, const uint8_t* data, si
                 InfluxSerializer::escape(event_type->name ? event_type->name : "", run.serializer.measurementEscapes()) +
                 tag_text(run, run.tags) + " ";
             const uint64_t reach = obx_type_definition_reach(event_type);
+            const obx_type_field_definition_t* own_time = own_time_field(event_type);  // once a block
+            const uint32_t type_key = (uint32_t{head.schema_index} << 16) | (head.type_index & 0xFF);
             consumed = OBX_EVENT_BLOCK_HEAD_SIZE;
             for (unsigned i = 0; i < head.num_events && remaining - consumed >= event_type->size; ++i) {
                 const uint8_t* record = block + consumed;
@@ -144,7 +149,7 @@ bool put_events(Run& run, obx_reader_context_t* context, const uint8_t* data, si
                 }
                 run.out += measurement;
                 run.out.append(obx_event_text_writer_data(run.writer), length);
-                put_point(run, event_time(run, event_type, (uint32_t{head.schema_index} << 16) | (head.type_index & 0xFF), record, head.timestamp));
+                put_point(run, event_time(run, own_time, type_key, record, head.timestamp));
             }
             if (event_type->size == 0) break;  // nothing to step by
         } else {
