@@ -208,7 +208,10 @@ bool obx_reader_walk_event_blocks(obx_reader_context_t* context, const uint8_t* 
         const uint32_t type = obx_block_type_get(block);
         size_t consumed;
         if (type == OBX_SCHEMAS_BLOCK) {
-            consumed = load_schemas_block(context, block, remaining);
+            // A block naming the schemas that the block before it loaded would load the same
+            // files again, and show it only in debug lines: below that level it is kept.
+            consumed = obx_log_enabled(OBX_LOG_DEBUG) ? load_schemas_block(context, block, remaining)
+                                                      : obx_reader_load_schemas_block_if_new(context, block, remaining, nullptr);
         } else if (type == OBX_EVENTS_BLOCK) {
             consumed = obx_reader_print_events(context, block, remaining);
         } else {

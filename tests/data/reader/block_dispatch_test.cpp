@@ -219,3 +219,20 @@ TEST_F(DispatchTest, SchemasBlockLoadedOnlyWhenItsIdsChange)
         }
     }
 }
+
+// In the walk, a schemas block that names the schemas the block before it loaded is kept
+// unless debug lines would show the load; the events print the same either way.
+TEST_F(DispatchTest, WalkKeepsRepeatedSchemasBlocksBelowDebug)
+{
+    SchemasBlockFields fields;
+    fields.ids = {SchemaFolder::hex(all_)};
+    const Bytes buffer = concat({schemas_block(fields), event_block(0, kFifth, 1, Bytes{4}), schemas_block(fields), event_block(0, kFifth, 1, Bytes{5})});
+    options_.format = NDJSON;
+    for (const uint32_t level : {OBX_LOG_INFO, OBX_LOG_DEBUG}) {
+        LogCapture log(level);
+        testing::internal::CaptureStdout();
+        EXPECT_TRUE(obx_reader_walk_event_blocks(context_, buffer.data(), buffer.size()));
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), "{\"x\":4}\n{\"x\":5}\n");
+        EXPECT_EQ(context_->block_schema_ids_valid, level == OBX_LOG_INFO) << level;
+    }
+}
