@@ -163,7 +163,9 @@ bool obx_command_read_text(const char* argument, std::string* content) {
 
 bool obx_command_collect_inputs(obx_string_array_t** files, int count, char* const* arguments, const char* data_dir) {
     for (int i = 0; i < count; ++i) {
-        if (!obx_string_array_append(files, arguments[i])) {
+        // "-" is standard input, read through its own path (obx_read itself takes "-" as a name).
+        const char* path = std::strcmp(arguments[i], "-") == 0 ? "/dev/stdin" : arguments[i];
+        if (!obx_string_array_append(files, path)) {
             std::fprintf(stderr, "Failed appending '%s' to the list of inputs: %s\n", arguments[i], std::strerror(errno));
             return false;
         }

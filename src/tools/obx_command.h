@@ -67,8 +67,9 @@ private:
 // Reads a whole input ("-" is standard input) into `content`; false after a message on stderr.
 bool obx_command_read_text(const char* argument, std::string* content);
 
-// The data files of a reading command, as obx_read takes them: the arguments as they stand,
-// then every file below `data_dir` when given. False after a message on stderr.
+// The data files of a reading command, as obx_read takes them: the arguments as they stand
+// ("-" becomes /dev/stdin), then every file below `data_dir` when given. False after a
+// message on stderr.
 bool obx_command_collect_inputs(obx_string_array_t** files, int count, char* const* arguments, const char* data_dir);
 // The schema folder, found as obx_read finds it: `given` (or "schema") when it exists, else a
 // "schema" folder next to or above the first input. New text, or nullptr after a message.

@@ -54,6 +54,7 @@ struct Run {
     std::unique_ptr<InfluxHttpWriter> server;
     uint64_t batch = 5000, pending = 0;
     obx_event_text_writer_t* writer = nullptr;  // events' field sets, written straight from their records
+    const obx_reader_context_t* context = nullptr;  // of the file being read
 };
 Run* g_run = nullptr;
 
@@ -220,6 +221,12 @@ bool put_metrics(Run& run, const uint8_t* data, size_t size) {
 bool on_buffer(obx_reader_context_t* context, const uint8_t* data, size_t size, bool) {
     Run& run = *g_run;
     if (run.write_failed || size < OBX_MAGIC_SIZE) return false;
+    if (context != run.context) {  // the first buffer of a file: its source names the points
+        const obx_data_file_header_t& header = context->header;
+        run.tags = {{"source_id", std::string(header.source_id, strnlen(header.source_id, sizeof header.source_id))},
+                    {"source_tag", std::string(header.source_tag, strnlen(header.source_tag, sizeof header.source_tag))}};
+        run.context = context;
+    }
     switch (obx_block_type_get(data)) {
         case OBX_COUNTERS_BLOCK: return put_counters(run, context, data, size);
         case OBX_EVENTS_BLOCK:
@@ -310,13 +317,7 @@ int run_influx(int argc, char** argv) {
     size_t failed = 0;
     for (size_t i = 0; i < options.data_files->count && !run.write_failed; ++i) {
         const char* path = options.data_files->strings[i];
-        obx_data_file_header_t header;
-        if (!obx_read_file_header(path, &options, &header)) {
-            ++failed;
-            continue;
-        }
-        run.tags = {{"source_id", std::string(header.source_id, strnlen(header.source_id, sizeof header.source_id))},
-                    {"source_tag", std::string(header.source_tag, strnlen(header.source_tag, sizeof header.source_tag))}};
+        run.context = nullptr;
         run.sequence.clear();
         obx_event_text_writer_forget_types(run.writer);  // each file has a type system of its own
         if (!obx_reader_process_file(path, &options, true)) ++failed;
@@ -364,7 +365,8 @@ const obx_command_t obx_command_influx = {
     "  CNTX metrics  measurement = the metric's name, its labels and constant labels\n"
     "                as tags, field value (an integer, or a float above the signed\n"
     "                64-bit range), at its record's time.\n"
-    "Every point carries the tags source_id and source_tag of its file.\n"
+    "Every point carries the tags source_id and source_tag of its file. A FILE of -\n"
+    "reads standard input, plain or gzip-wrapped.\n"
     "\n"
     "Options:\n"
     "  -s, --schema-path DIR   the schema folder, as obx_read takes it\n"

@@ -77,6 +77,13 @@ TEST(ObxInflux, APointPerRecord) {
     const ProcessResult ns = run_obx({"influx", "-s", schemas.path(), data.file("f.bin")});
     EXPECT_EQ(ns.exit_status, 0) << ns.err;
     EXPECT_EQ(ns.out, expected);
+    // "-" reads standard input, plain or gzip-wrapped, through a pipe.
+    const std::string bytes = read_file_bytes(data.file("f.bin"));
+    for (const std::string& input : {bytes, [&] { const Bytes b(bytes.begin(), bytes.end()); const Bytes z = gzip_compress(b); return std::string(z.begin(), z.end()); }()}) {
+        const ProcessResult piped = run_obx({"influx", "-s", schemas.path(), "-"}, ProcessOptions(), input);
+        EXPECT_EQ(piped.exit_status, 0) << piped.err;
+        EXPECT_EQ(piped.out, expected);
+    }
     const ProcessResult ms = run_obx({"influx", "--precision", "ms", "-s", schemas.path(), data.file("f.bin")});
     EXPECT_EQ(ms.out.substr(0, ms.out.find('\n')), "stamped" + tags + "time_=1700000000000005i,v=1i 1700000000000");
 

@@ -1,6 +1,7 @@
 #include "data/reader/file_input.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <isa-l/igzip_lib.h>
 #include <unistd.h>
 #include <zlib.h>
@@ -180,6 +181,19 @@ obx_file_input_t* obx_file_input_open(const char* path)
     }
     input->path = path;
     input->fd = fd;
+    // A pipe or a device cannot be read a second time: zlib reads it from the start.
+    struct stat status;
+    if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+        input->mode = Mode::Zlib;
+        input->zfile = gzdopen(fd, "rb");
+        input->fd = -1;
+        if (!input->zfile) {
+            ::close(fd);
+            delete input;
+            errno = ENOMEM;
+            return nullptr;
+        }
+    }
     return input;
 }
 
