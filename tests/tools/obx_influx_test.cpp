@@ -205,6 +205,17 @@ TEST(ObxInflux, EveryRecordArrivesInARealInfluxDb) {
     };
     for (const auto& c : counts) EXPECT_EQ(server.query(c.query), c.count) << c.query;
 
+    // The bundled examples: every record a point of its own, by the direct route.
+    ASSERT_EQ(InfluxServer::curl({"-X", "POST", server.url("/query"), "--data-urlencode", "q=CREATE DATABASE examples"}).exit_status, 0);
+    const std::string examples = std::string(OBX_SOURCE_DIR) + "/examples";
+    const ProcessResult example_lines = run_obx({"influx", "-s", examples + "/schema", "-d", examples + "/data"});
+    const ProcessResult example_posted = run_obx({"influx", "-s", examples + "/schema", "-d", examples + "/data", "--url", server.url(""), "--db", "examples"});
+    EXPECT_EQ(example_posted.exit_status, 0) << example_posted.err;
+    EXPECT_EQ(server.query("SELECT count(rx_bytes) FROM port_sample", "examples"), "36");  // 4 sources x 3 s x 3
+    EXPECT_EQ(server.query("SELECT count(value) FROM port_xmit_data", "examples"), "8");  // 4 sources x 2 ports
+    EXPECT_EQ(example_posted.err, "obx influx: " + std::to_string(std::count(example_lines.out.begin(), example_lines.out.end(), '\n')) +
+                                      " points written to " + server.url("") + ", database examples\n");
+
     // Texts, keys and full floats come back as they went in.
     SchemaFolder schemas;
     write_small_file(schemas, dir.file("small.bin"));
